@@ -1,0 +1,36 @@
+# Shared by scripts/demo, scripts/test and scripts/bench: install what is
+# missing, then configure and build. Source it; do not run it.
+set -euo pipefail
+
+VYRA_ROOT=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
+VYRA_JOBS=${VYRA_JOBS:-$(nproc)}
+
+# Debian packages the build, the tests and the tools need.
+VYRA_PACKAGES=(build-essential cmake pkg-config python3 libopencv-dev nlohmann-json3-dev
+               libcli11-dev libgtest-dev libgmock-dev libbenchmark-dev ffmpeg)
+
+vyra_install_missing() {
+  local missing=() pkg
+  for pkg in "${VYRA_PACKAGES[@]}"; do
+    if ! dpkg-query -W -f='${Status}' "$pkg" 2>/dev/null | grep -q 'install ok installed'; then
+      missing+=("$pkg")
+    fi
+  done
+  [ ${#missing[@]} -eq 0 ] && return 0
+  echo "Installing missing packages: ${missing[*]}"
+  if [ "$(id -u)" -ne 0 ]; then
+    echo "error: these packages are missing and installing them needs root: ${missing[*]}" >&2
+    exit 1
+  fi
+  export DEBIAN_FRONTEND=noninteractive
+  apt-get update -qq
+  apt-get install -y -qq --no-install-recommends "${missing[@]}"
+}
+
+# vyra_build DIR [cmake options...]: configure (once) and build into DIR.
+vyra_build() {
+  local dir=$1
+  shift
+  cmake -S "$VYRA_ROOT" -B "$VYRA_ROOT/$dir" "$@" >/dev/null
+  cmake --build "$VYRA_ROOT/$dir" -j "$VYRA_JOBS"
+}
