@@ -11,6 +11,7 @@
 #include <opencv2/imgcodecs.hpp>
 #include <opencv2/imgproc.hpp>
 
+#include "FrameAlignment.h"
 #include "VyraAnalyzer.h"
 #include "VyraFrameSource.h"
 #include "VyraImage.h"
@@ -249,27 +250,14 @@ Intake collectFrames(const std::string& path, const MeasureOptions& options) {
 }
 
 // Brings every frame to the size of the last one, as the analysis would,
-// so that the analysis has nothing to align (and nothing to warn about).
+// so that the analysis has nothing to align (and nothing to announce).
 void alignToLastFrame(std::vector<Image>& images) {
     const int width = images.back().width();
     const int height = images.back().height();
-    const bool landscape = width > height;
     for (Image& image : images) {
-        const int w = image.width();
-        const int h = image.height();
-        if (w == width && h == height) {
-            continue;
-        }
-        cv::Mat& m = image.img();
-        if (w <= h && landscape) {
-            cv::transpose(m, m);
-            cv::flip(m, m, 0);
-        } else if (w > h && !landscape) {
-            cv::transpose(m, m);
-            cv::flip(m, m, 1);
-        }
-        if (m.cols != width || m.rows != height) {
-            cv::resize(m, m, cv::Size(width, height), 0, 0, cv::INTER_LINEAR);
+        if (image.width() != width || image.height() != height) {
+            const bool portrait = image.width() <= image.height();
+            detail::AlignFrameToBaseline(image.img(), portrait, width, height);
         }
     }
 }
