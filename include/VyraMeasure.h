@@ -11,8 +11,14 @@
  *   - a folder: its PNG files (entries whose name does not begin with a dot
  *     and whose text after the last dot is exactly "png"), sorted byte-wise
  *     ascending by name (10.png before 9.png: zero-pad numbers);
- *   - any other existing path is opened as a video with OpenCV (FFmpeg
- *     back end first, then whatever OpenCV picks), whatever its extension.
+ *   - any other existing path is opened as a video with OpenCV's FFmpeg
+ *     back end, whatever its extension.
+ *
+ * Quiet: the library itself never writes to standard output or error. FFmpeg
+ * (inside OpenCV) logs its own errors about damaged video files to standard
+ * error; a host that wants silence sets the environment variable
+ * OPENCV_FFMPEG_LOGLEVEL to -8 before it opens its first video (the vyra tool
+ * does so unless the variable is set already).
  *
  * Range (the same rules for folders and videos): first = max(start, 0);
  * last = end when end > 1, else the recording's last frame (so end 0 and 1

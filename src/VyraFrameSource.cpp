@@ -222,12 +222,13 @@ private:
     double last_ = 0.0;
 };
 
+// Videos are read through OpenCV's FFmpeg back end only: it reads every
+// container and codec FFmpeg knows, reports presentation timestamps, and
+// fails quietly where other back ends (GStreamer) print their own errors.
 cv::VideoCapture openVideo(const std::string& path) {
     cv::VideoCapture capture;
     try {
-        if (!capture.open(path, cv::CAP_FFMPEG)) {
-            capture.open(path, cv::CAP_ANY);
-        }
+        capture.open(path, cv::CAP_FFMPEG);
     } catch (const cv::Exception& e) {
         throw MeasureError(VYRA_ERROR_UNREADABLE, "cannot open '" + path + "' as a video: " + e.what());
     }

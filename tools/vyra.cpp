@@ -10,11 +10,13 @@
 #include <unistd.h>
 
 #include <cmath>
+#include <cstdlib>
 #include <cstdio>
 #include <exception>
 #include <iostream>
 #include <optional>
 #include <sstream>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -313,38 +315,48 @@ int runAnalyse(const AnalyseArgs& args) {
 
 struct SampleArgs {
     std::string out;
-    double seconds = 3.0;
-    double fps = 30.0;
-    std::string size = "360x640";
+    vyra::sample::SampleOptions options;
+    std::string size;
     bool framesDir = false;
-    unsigned seed = 1;
 };
 
 void addSampleCommand(CLI::App& app, SampleArgs& args) {
+    vyra::sample::SampleOptions& o = args.options;
+    args.size = std::to_string(o.width) + "x" + std::to_string(o.height);
     CLI::App* cmd = app.add_subcommand(
         "sample", "Render a synthetic app launch and print the frame index of each stage");
-    cmd->add_option("OUT", args.out, "Video file to write (container from its extension), or folder with --frames-dir")
+    cmd->add_option("OUT", args.out,
+                    "Video file to write (.mp4, .mov, .mkv or .avi), or with --frames-dir a folder")
         ->required();
-    cmd->add_option("--seconds", args.seconds, "Length of the recording in seconds (default 3)")
-        ->check(CLI::PositiveNumber);
-    cmd->add_option("--fps", args.fps, "Frames per second (default 30)")->check(CLI::PositiveNumber);
-    cmd->add_option("--size", args.size, "Frame size WxH (default 360x640)");
+    cmd->add_option("--seconds", o.seconds, "Length of the recording in seconds")->capture_default_str();
+    cmd->add_option("--fps", o.fps, "Frames per second")->capture_default_str();
+    cmd->add_option("--size", args.size, "Frame size WxH")->capture_default_str();
     cmd->add_flag("--frames-dir", args.framesDir,
-                  "Write PNG frames named by their time in milliseconds into the folder OUT");
-    cmd->add_option("--seed", args.seed, "Seed of the page content (default 1)");
+                  "Write PNG frames named by their capture time in milliseconds into the folder OUT");
+    cmd->add_option("--seed", o.seed, "Seed of colours, clock and content")->capture_default_str();
+    cmd->add_option("--launcher", o.launcherShare, "Share of the recording showing the home screen")
+        ->capture_default_str();
+    cmd->add_option("--splash", o.splashShare, "Share showing the launch screen")->capture_default_str();
+    cmd->add_option("--skeleton", o.skeletonShare, "Share showing placeholders")->capture_default_str();
+    cmd->add_option("--content", o.contentShare, "Share showing partial content")->capture_default_str();
+    cmd->add_option("--content-steps", o.contentSteps, "Steps of partial content")->capture_default_str();
+    cmd->add_option("--jitter", o.timeJitter,
+                    "Frame folders only: vary each frame interval by up to this share (0..0.5)")
+        ->capture_default_str();
 }
 
-int runSample(const SampleArgs& args) {
+int runSample(SampleArgs& args) {
     const std::pair<int, int> size = parseSize(args.size);
-    vyra::sample::SampleOptions options;
-    options.seconds = args.seconds;
-    options.fps = args.fps;
-    options.width = size.first;
-    options.height = size.second;
-    options.seed = args.seed;
-    const vyra::sample::SampleTruth truth = args.framesDir
-                                                ? vyra::sample::WriteSampleFrames(args.out, options, 0)
-                                                : vyra::sample::WriteSampleVideo(args.out, options);
+    args.options.width = size.first;
+    args.options.height = size.second;
+    vyra::sample::SampleTruth truth;
+    try {
+        truth = args.framesDir ? vyra::sample::WriteSampleFrames(args.out, args.options)
+                               : vyra::sample::WriteSampleVideo(args.out, args.options);
+    } catch (const std::invalid_argument& e) {
+        printError(e.what());
+        return kExitUsage;
+    }
     std::cout << vyra::sample::DescribeTruth(truth) << std::flush;
     return kExitOk;
 }
@@ -376,6 +388,9 @@ int run(int argc, char** argv) {
 }  // namespace
 
 int main(int argc, char** argv) {
+    // FFmpeg's own error log (damaged videos) would add lines to the one
+    // message the tool prints; keep it quiet unless the user asked for it.
+    setenv("OPENCV_FFMPEG_LOGLEVEL", "-8", 0);
     try {
         return run(argc, argv);
     } catch (const vyra::MeasureError& e) {
