@@ -9,6 +9,7 @@
 // unreadable, empty, no usable timestamps).
 #include <unistd.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdlib>
 #include <cstdio>
@@ -288,6 +289,32 @@ Json resultJson(const std::string& recording, const vyra::MeasureResult& r) {
             {"analysis", analysisJson(r.analysis)}};
 }
 
+// Two-space indented JSON in which arrays of plain values (frame times,
+// object counts) stay on one line.
+void writeJson(std::ostream& out, const Json& value, int indent) {
+    const std::string pad(static_cast<size_t>(indent), ' ');
+    const std::string inner(static_cast<size_t>(indent) + 2, ' ');
+    const bool nested = std::any_of(value.begin(), value.end(),
+                                    [](const Json& v) { return v.is_structured(); });
+    if (value.is_object() && !value.empty()) {
+        out << "{\n";
+        for (auto it = value.begin(); it != value.end(); ++it) {
+            out << (it == value.begin() ? "" : ",\n") << inner << Json(it.key()).dump() << ": ";
+            writeJson(out, it.value(), indent + 2);
+        }
+        out << "\n" << pad << "}";
+    } else if (value.is_array() && nested) {
+        out << "[\n";
+        for (auto it = value.begin(); it != value.end(); ++it) {
+            out << (it == value.begin() ? "" : ",\n") << inner;
+            writeJson(out, *it, indent + 2);
+        }
+        out << "\n" << pad << "]";
+    } else {
+        out << value.dump();
+    }
+}
+
 int runAnalyse(const AnalyseArgs& args) {
     vyra::MeasureOptions options = toOptions(args);
     ProgressBar bar(!args.quiet && isatty(fileno(stderr)) != 0);
@@ -304,7 +331,8 @@ int runAnalyse(const AnalyseArgs& args) {
     }
     bar.Clear();
     if (args.json) {
-        std::cout << resultJson(args.recording, result).dump(2) << std::endl;
+        writeJson(std::cout, resultJson(args.recording, result), 0);
+        std::cout << std::endl;
     } else {
         printSummary(result);
     }
