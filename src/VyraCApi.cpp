@@ -53,23 +53,33 @@ VyraSettings readSettings(const VyraSettings* given) {
     return settings;
 }
 
+// The number a C caller stored in an enum field, read without assuming it is
+// one of the enumerators (C allows any int there).
+template <typename Enum>
+int rawValue(const Enum& field) {
+    static_assert(sizeof(Enum) == sizeof(int), "C enums are int-sized");
+    int value = 0;
+    std::memcpy(&value, &field, sizeof value);
+    return value;
+}
+
 vyra::Region toRegion(const VyraRegion& r) { return vyra::Region{r.x, r.y, r.width, r.height}; }
 
 vyra::MeasureOptions toOptions(const VyraSettings& s) {
     vyra::MeasureOptions options;
-    switch (s.timing) {
+    switch (rawValue(s.timing)) {
         case VYRA_TIMING_TIMESTAMPS: options.timing = vyra::Timing::Timestamps; break;
         case VYRA_TIMING_FRAME_RATE: options.timing = vyra::Timing::FrameRate; break;
         default: throw vyra::MeasureError(VYRA_ERROR_INVALID_ARGUMENT, "unknown timing value");
     }
-    switch (s.launch_time_mode) {
+    switch (rawValue(s.launch_time_mode)) {
         case VYRA_LAUNCH_TIME_LOAD_FINISHED_FRAME:
             options.launchTimeMode = vyra::LaunchTimeMode::LoadFinishedFrame;
             break;
         case VYRA_LAUNCH_TIME_NEXT_FRAME: options.launchTimeMode = vyra::LaunchTimeMode::NextFrame; break;
         default: throw vyra::MeasureError(VYRA_ERROR_INVALID_ARGUMENT, "unknown launch time mode value");
     }
-    switch (s.page_type) {
+    switch (rawValue(s.page_type)) {
         case VYRA_PAGE_STATIC: options.pageType = STATIC_PAGE; break;
         case VYRA_PAGE_DYNAMIC: options.pageType = DYNAMIC_PAGE; break;
         default: throw vyra::MeasureError(VYRA_ERROR_INVALID_ARGUMENT, "unknown page type value");
@@ -193,7 +203,13 @@ void vyra_default_settings(VyraSettings* settings) {
     settings->progress_user = nullptr;
 }
 
-const char* vyra_status_string(VyraStatus status) { return vyra::StatusString(status); }
+const char* vyra_status_string(VyraStatus status) {
+    const int value = rawValue(status);
+    if (value < VYRA_OK || value > VYRA_ERROR_WRITE) {
+        return "unknown status";
+    }
+    return vyra::StatusString(static_cast<VyraStatus>(value));
+}
 
 VyraStatus vyra_measure(const char* path, const VyraSettings* settings, VyraResult* result, char* error,
                         size_t error_size) {

@@ -1,8 +1,6 @@
 #include "VyraFrameSource.h"
 
 #include <algorithm>
-#include <cctype>
-#include <cerrno>
 #include <cmath>
 #include <cstdlib>
 #include <filesystem>
@@ -38,7 +36,6 @@ std::optional<long long> ParseNameTime(const std::string& name) {
     const std::string stem = dot == std::string::npos ? name : name.substr(0, dot);
     const char* text = stem.c_str();
     char* stop = nullptr;
-    errno = 0;
     const long long value = std::strtoll(text, &stop, 10);
     if (stop == text) {
         return std::nullopt;
