@@ -241,4 +241,8 @@ void writeDeclaredSizePng(const fs::path& file, unsigned width, unsigned height)
         << pngChunk("IDAT", idat) << pngChunk("IEND", "");
 }
 
+void disableCameraBackend() {
+    setenv("OPENCV_VIDEOIO_PRIORITY_GPHOTO2", "0", 1);
+}
+
 }  // namespace vyra_test

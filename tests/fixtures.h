@@ -115,6 +115,12 @@ std::string streamText(double value);
 // with its checksum, a tiny IDAT and IEND), without the pixel data to match.
 void writeDeclaredSizePng(const fs::path& file, unsigned width, unsigned height);
 
+// Switches off OpenCV's gphoto2 capture back end for this process. A path
+// that no file back end opens is offered to every back end, and gphoto2 then
+// scans the USB buses for cameras (leaking its device lists). Call before the
+// process's first cv::VideoCapture; tests that open missing videos do.
+void disableCameraBackend();
+
 }  // namespace vyra_test
 
 #endif  // VYRA_TESTS_FIXTURES_H

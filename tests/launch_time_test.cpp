@@ -5,10 +5,10 @@
 #include <ctime>
 #include <fstream>
 #include <limits>
-#include <regex>
 #include <string>
 #include <vector>
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "LoadAnalyzer.h"
@@ -142,8 +142,7 @@ TEST(CountLaunchTime, FrameRateModeDoesNotValidateFps) {
     EXPECT_GT(seconds, 0.0);
 
     out = stdoutOf([&] { seconds = count_launch_time_mseconds(names, 0, 0, 0, 0); });
-    EXPECT_TRUE(std::regex_match(out, std::regex("ffmpeg startTime:0, endTime:-?nan\n")))
-        << out;
+    EXPECT_THAT(out, testing::MatchesRegex("ffmpeg startTime:0, endTime:-?nan\n"));
     EXPECT_TRUE(std::isnan(seconds));
 
     out = stdoutOf([&] { seconds = count_launch_time_mseconds(names, 0, 10, 0, -4); });
@@ -225,8 +224,8 @@ TEST(GetSystemTime, IsASpaceThenDateAndTime) {
     const std::string now = getSystemTime();
     const std::string after = localNowText();
     EXPECT_EQ(now.size(), 20u);
-    EXPECT_TRUE(std::regex_match(now, std::regex(" \\d{4}-\\d{2}-\\d{2} \\d{2}:\\d{2}:\\d{2}")))
-        << now;
+    EXPECT_THAT(now,
+                testing::MatchesRegex(" [0-9]{4}-[0-9]{2}-[0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2}"));
     // Fixed-width fields sort like the times they show.
     EXPECT_LE(before, now);
     EXPECT_LE(now, after);
