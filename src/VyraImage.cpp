@@ -1,0 +1,168 @@
+#include "VyraImage.h"
+
+#include <set>
+#include <utility>
+
+#include <opencv2/imgproc.hpp>
+
+namespace vyra {
+
+namespace {
+
+// A list handed over at construction counts as detected only when it holds
+// at least one box; an empty one leaves detection to be done.
+std::unique_ptr<std::vector<Rect>> adoptObjects(const std::vector<Rect>& objects) {
+    if (objects.empty()) return nullptr;
+    return std::make_unique<std::vector<Rect>>(objects);
+}
+
+std::unique_ptr<std::vector<Rect>> copyObjects(const std::unique_ptr<std::vector<Rect>>& objects) {
+    return objects ? std::make_unique<std::vector<Rect>>(*objects) : nullptr;
+}
+
+// The grey picture the edge detector reads, or an empty matrix for frames it
+// cannot read (depth other than 8 bits, two channels).
+cv::Mat greyForDetection(const cv::Mat& frame) {
+    if (frame.depth() != CV_8U) return cv::Mat();
+    switch (frame.channels()) {
+    case 1:
+        return frame.clone();
+    case 3:
+    case 4: {
+        cv::Mat grey;
+        cv::cvtColor(frame, grey, cv::COLOR_BGR2GRAY);
+        return grey;
+    }
+    default:
+        return cv::Mat();
+    }
+}
+
+}  // namespace
+
+Image::Image()
+    : mat(), cachedWidth(-1), cachedHeight(-1), objects(), contentRatio(-1.0), imageIndex(-1),
+      loaded(false), loader() {}
+
+Image::Image(cv::Mat& mat_, int index)
+    : mat(mat_), cachedWidth(mat_.cols), cachedHeight(mat_.rows), objects(), contentRatio(-1.0),
+      imageIndex(index), loaded(true), loader() {}
+
+Image::Image(cv::Mat& mat_, std::vector<Rect>& objects_, double contentRatio_, int index)
+    : mat(mat_), cachedWidth(mat_.cols), cachedHeight(mat_.rows), objects(adoptObjects(objects_)),
+      contentRatio(contentRatio_), imageIndex(index), loaded(true), loader() {}
+
+Image::Image(std::function<cv::Mat()> loader_, std::vector<Rect>& objects_, int width, int height,
+             double contentRatio_, int index)
+    : mat(), cachedWidth(width), cachedHeight(height), objects(adoptObjects(objects_)),
+      contentRatio(contentRatio_), imageIndex(index), loaded(false), loader(std::move(loader_)) {}
+
+Image::Image(const Image& other)
+    : mat(other.mat), cachedWidth(other.cachedWidth), cachedHeight(other.cachedHeight),
+      objects(copyObjects(other.objects)), contentRatio(other.contentRatio),
+      imageIndex(other.imageIndex), loaded(other.loaded), loader(other.loader) {}
+
+Image& Image::operator=(const Image& other) {
+    if (this == &other) return *this;
+    mat = other.mat;
+    cachedWidth = other.cachedWidth;
+    cachedHeight = other.cachedHeight;
+    objects = copyObjects(other.objects);
+    contentRatio = other.contentRatio;
+    imageIndex = other.imageIndex;
+    loaded = other.loaded;
+    loader = other.loader;
+    return *this;
+}
+
+Image::Image(Image&& other) noexcept
+    : mat(std::move(other.mat)), cachedWidth(other.cachedWidth), cachedHeight(other.cachedHeight),
+      objects(std::move(other.objects)), contentRatio(other.contentRatio),
+      imageIndex(other.imageIndex), loaded(other.loaded), loader(std::move(other.loader)) {
+    other.mat = cv::Mat();
+}
+
+Image& Image::operator=(Image&& other) noexcept {
+    if (this == &other) return *this;
+    mat = std::move(other.mat);
+    other.mat = cv::Mat();
+    cachedWidth = other.cachedWidth;
+    cachedHeight = other.cachedHeight;
+    objects = std::move(other.objects);
+    contentRatio = other.contentRatio;
+    imageIndex = other.imageIndex;
+    loaded = other.loaded;
+    loader = std::move(other.loader);
+    return *this;
+}
+
+Image::~Image() = default;
+
+int Image::index() const { return imageIndex; }
+
+cv::Mat& Image::img() {
+    if (!loaded && loader) {
+        mat = loader();
+        loaded = true;
+    }
+    return mat;
+}
+
+int Image::width() {
+    if (!loaded && cachedWidth >= 0) return cachedWidth;
+    cachedWidth = img().cols;
+    return cachedWidth;
+}
+
+int Image::height() {
+    if (!loaded && cachedHeight >= 0) return cachedHeight;
+    cachedHeight = img().rows;
+    return cachedHeight;
+}
+
+bool Image::Empty() {
+    const int w = width();
+    const int h = height();
+    return w * h <= 0;
+}
+
+bool Image::Reduce() {
+    if (!loaded || !loader) return false;
+    mat = cv::Mat();
+    loaded = false;
+    return true;
+}
+
+std::vector<Rect> Image::DetectObjects(const cv::Mat& frame) {
+    if (frame.empty()) return {};
+    cv::Mat edges = greyForDetection(frame);
+    if (edges.empty()) return {};
+    cv::Canny(edges, edges, 10.0, 30.0, 3, false);
+    std::vector<std::vector<cv::Point>> contours;
+    cv::findContours(edges, contours, cv::RETR_LIST, cv::CHAIN_APPROX_SIMPLE);
+    std::set<Rect> boxes;
+    for (const auto& contour : contours) {
+        const cv::Rect box = cv::boundingRect(contour);
+        boxes.insert(Rect(box.x, box.y, box.x + box.width - 1, box.y + box.height - 1));
+    }
+    return std::vector<Rect>(boxes.begin(), boxes.end());
+}
+
+std::vector<Rect>& Image::GetImageObjects() {
+    if (objects) return *objects;
+    objects = std::make_unique<std::vector<Rect>>();
+    *objects = DetectObjects(img());
+    return *objects;
+}
+
+int Image::GetImageObjectsSize() { return static_cast<int>(GetImageObjects().size()); }
+
+double Image::GetContentRatio() {
+    if (contentRatio >= 0.0) return contentRatio;
+    const double area = static_cast<double>(Rect::CalculateTotalArea(GetImageObjects()));
+    const double pixels = static_cast<double>(img().total());
+    contentRatio = pixels > 0.0 ? area / pixels : 0.0;
+    return contentRatio;
+}
+
+}  // namespace vyra

@@ -1,0 +1,110 @@
+#include "VyraImageSets.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdint>
+
+namespace vyra {
+
+ImageSets::ImageSets(std::vector<Image>& imgs) : images(imgs), psnrCache(), featuresMatchingCache() {}
+
+ImageSets::ImageSets(std::vector<cv::Mat>& mats) : images(), psnrCache(), featuresMatchingCache() {
+    images.reserve(mats.size());
+    for (size_t k = 0; k < mats.size(); ++k) {
+        images.emplace_back(mats[k], static_cast<int>(k));
+    }
+}
+
+ImageSets::~ImageSets() {
+    featuresMatchingCache.clear();
+    psnrCache.clear();
+    images.clear();
+}
+
+std::vector<Image>& ImageSets::imgs() { return images; }
+
+int ImageSets::size() const { return static_cast<int>(images.size()); }
+
+Image& ImageSets::operator[](int index) { return images[static_cast<size_t>(index)]; }
+
+double ImageSets::CalculatePSNR(const cv::Mat& a, const cv::Mat& b) {
+    if (a.empty() || b.empty() || a.rows != b.rows || a.cols != b.cols) return -1.0;
+    // OpenCV cannot subtract matrices of different pixel types; such frames
+    // are not comparable.
+    if (a.type() != b.type()) return -1.0;
+    cv::Mat diff;
+    cv::absdiff(a, b, diff);
+    diff.convertTo(diff, CV_32F, 1.0, 0.0);
+    diff = diff.mul(diff);
+    const cv::Scalar s = cv::sum(diff);
+    const double sse = s[0] + s[1] + s[2];
+    if (sse <= 1e-10) return 99.99;
+    const std::uint64_t samples =
+        static_cast<std::uint64_t>(a.channels()) * static_cast<std::uint64_t>(a.total());
+    const double mse = sse / static_cast<double>(samples);
+    return 10.0 * std::log10(65025.0 / mse);
+}
+
+double ImageSets::GetImagesPSNR(int i, int j) {
+    const auto key = std::make_pair(i, j);
+    const auto found = psnrCache.find(key);
+    if (found != psnrCache.end()) return found->second;
+    const double psnr = CalculatePSNR((*this)[i].img(), (*this)[j].img());
+    psnrCache.emplace(key, psnr);
+    return psnr;
+}
+
+namespace {
+
+// A box of `mine` counts as shared when `theirs` holds the same box, or else
+// the first box of equal area that lies within the tolerance of it.
+bool hasCounterpart(const Rect& box, const std::vector<Rect>& theirs) {
+    if (std::find(theirs.begin(), theirs.end(), box) != theirs.end()) return true;
+    return std::any_of(theirs.begin(), theirs.end(), [&box](const Rect& other) {
+        return other.area == box.area && box.ApproximateOverlap(other, 0.3);
+    });
+}
+
+double summedArea(const std::vector<Rect>& boxes) {
+    double total = 0.0;
+    for (const Rect& r : boxes) total += r.area;
+    return total;
+}
+
+}  // namespace
+
+cv::Vec3i ImageSets::GetImagesObjectsOverlapArea(int i, int j) {
+    const std::vector<Rect>& a = (*this)[i].GetImageObjects();
+    const std::vector<Rect>& b = (*this)[j].GetImageObjects();
+    double overlap = 0.0;
+    for (const Rect& r : a) {
+        if (hasCounterpart(r, b)) overlap += r.area;
+    }
+    return cv::Vec3i(static_cast<int>(summedArea(a)), static_cast<int>(summedArea(b)),
+                     static_cast<int>(overlap));
+}
+
+FeaturesMatchingInfo ImageSets::FeatureMatching(const cv::Mat& a, const cv::Mat& b, bool crossCheck) {
+    FeaturesMatchingInfo info;
+    if (a.empty() || b.empty() || a.rows != b.rows || a.cols != b.cols) return info;
+    cv::Ptr<cv::ORB> orb =
+        cv::ORB::create(500, 1.2f, 8, 31, 0, 2, cv::ORB::HARRIS_SCORE, 31, 20);
+    cv::Mat descA, descB;
+    orb->detectAndCompute(a, cv::noArray(), std::get<0>(info), descA, false);
+    orb->detectAndCompute(b, cv::noArray(), std::get<1>(info), descB, false);
+    cv::BFMatcher matcher(cv::NORM_HAMMING, crossCheck);
+    if (!descA.empty() && !descB.empty()) {
+        matcher.match(descA, descB, std::get<2>(info), cv::noArray());
+    }
+    return info;
+}
+
+FeaturesMatchingInfo& ImageSets::GetImagesFeaturesMatchingInfo(int i, int j, bool crossCheck) {
+    const auto key = std::make_tuple(i, j, crossCheck);
+    auto found = featuresMatchingCache.find(key);
+    if (found != featuresMatchingCache.end()) return found->second;
+    FeaturesMatchingInfo info = FeatureMatching((*this)[i].img(), (*this)[j].img(), crossCheck);
+    return featuresMatchingCache.emplace(key, std::move(info)).first->second;
+}
+
+}  // namespace vyra
