@@ -53,6 +53,11 @@ TEST(ImageSetsConstruction, FromImagesCopiesThemInOrder) {
 
     ImageSets sets(images);
     ASSERT_EQ(sets.size(), 2);
+    // The caller's images are left as they were.
+    ASSERT_EQ(images.size(), 2u);
+    EXPECT_EQ(images[0].index(), 7);
+    EXPECT_EQ(images[0].GetImageObjects(), boxes);
+    EXPECT_EQ(images[1].img().data, second.data);
     // Copies keep their own index, not their position.
     EXPECT_EQ(sets[0].index(), 7);
     EXPECT_EQ(sets[1].index(), 3);

@@ -247,8 +247,11 @@ TEST(ImageLazyLoading, LoadedImageReportsTheMatrixNotTheSeed) {
 
 TEST(ImageLazyLoading, ZeroSeedIsKnownAndEmptyWithoutLoading) {
     CountingLoader source(vyra_test::solidFrame(64, 48));
-    Image image = lazyImage(source, 0, 48, 0);
-    EXPECT_TRUE(image.Empty());
+    Image noWidth = lazyImage(source, 0, 48, 0);
+    EXPECT_TRUE(noWidth.Empty());
+    Image noHeight = lazyImage(source, 64, 0, 1);
+    EXPECT_TRUE(noHeight.Empty());
+    EXPECT_EQ(noHeight.height(), 0);
     EXPECT_EQ(source.calls(), 0);
 }
 
@@ -530,6 +533,23 @@ TEST(ImageDetectObjects, LargestBoxCoversAFilledRectangleWithinTwoPixels) {
     EXPECT_LE(largest.right, right + 2);
     EXPECT_GE(largest.bottom, bottom);
     EXPECT_LE(largest.bottom, bottom + 2);
+}
+
+// A grey step of d levels has an L1 Sobel magnitude of 4d along the sides of a
+// rectangle and at most 6d at its corners. Canny seeds edges only above the
+// upper threshold 30 and follows them down to the lower threshold 10: d = 5
+// (at most 30) leaves no edge, d = 6 seeds the corners (36) and the sides
+// (24) follow. With the L2 norm the corners would reach only 3 * sqrt(2) * 6.
+cv::Mat lowContrastRectangle(int d) {
+    cv::Mat frame = vyra_test::solidFrame(120, 90, cv::Scalar(100, 100, 100));
+    cv::rectangle(frame, cv::Point(30, 20), cv::Point(79, 59), cv::Scalar::all(100 + d), cv::FILLED);
+    return frame;
+}
+
+TEST(ImageDetectObjects, EdgeThresholdsDecideWhichStepsAreObjects) {
+    EXPECT_TRUE(Image::DetectObjects(lowContrastRectangle(5)).empty());
+    EXPECT_EQ(Image::DetectObjects(lowContrastRectangle(6)),
+              (std::vector<Rect>{Rect(29, 19, 79, 59)}));
 }
 
 TEST(ImageDetectObjects, SeveralShapesComeSortedByAreaThenLeft) {
