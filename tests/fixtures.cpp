@@ -128,6 +128,27 @@ std::vector<std::string> splitLines(const std::string& text) {
     return lines;
 }
 
+// ---- lazily loaded images (core class suites) ----
+
+CountingLoader::CountingLoader(cv::Mat frame, int failures)
+    : state_(std::make_shared<State>(State{std::move(frame), failures, 0})) {}
+
+std::function<cv::Mat()> CountingLoader::loader() const {
+    std::shared_ptr<State> state = state_;
+    return [state]() {
+        ++state->calls;
+        if (state->calls <= state->failures) {
+            throw std::runtime_error("CountingLoader: planned failure");
+        }
+        return state->frame.clone();
+    };
+}
+
+vyra::Image lazyImage(const CountingLoader& source, int width, int height, int index,
+                      std::vector<vyra::Rect> objects, double contentRatio) {
+    return vyra::Image(source.loader(), objects, width, height, contentRatio, index);
+}
+
 }  // namespace vyra_test
 
 // ---- run driver inputs (frame folders and recordings with known answers) ----

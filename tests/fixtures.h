@@ -4,10 +4,14 @@
 #define VYRA_TESTS_FIXTURES_H
 
 #include <filesystem>
+#include <functional>
+#include <memory>
 #include <string>
 #include <vector>
 
 #include <opencv2/core.hpp>
+
+#include "VyraImage.h"
 
 namespace vyra_test {
 
@@ -72,6 +76,32 @@ std::string readText(const fs::path& file);
 
 // Splits text at '\n' (a trailing newline gives no empty last line).
 std::vector<std::string> splitLines(const std::string& text);
+
+// ---- lazily loaded images (core class suites) ----
+
+// Makes loaders for vyra::Image that count their calls. Every call returns a
+// fresh deep copy of the frame, so changes made to a loaded image never reach
+// the next load. The first `failures` calls (shared by all loaders made by one
+// object) throw std::runtime_error instead.
+class CountingLoader {
+public:
+    explicit CountingLoader(cv::Mat frame, int failures = 0);
+    std::function<cv::Mat()> loader() const;
+    int calls() const { return state_->calls; }
+
+private:
+    struct State {
+        cv::Mat frame;
+        int failures;
+        int calls;
+    };
+    std::shared_ptr<State> state_;
+};
+
+// Image(loader, objects, width, height, contentRatio, index) with the
+// loader of `source`.
+vyra::Image lazyImage(const CountingLoader& source, int width, int height, int index,
+                      std::vector<vyra::Rect> objects = {}, double contentRatio = -1.0);
 
 }  // namespace vyra_test
 
