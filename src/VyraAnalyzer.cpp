@@ -1,5 +1,7 @@
 #include "VyraAnalyzer.h"
 
+#include "FrameAlignment.h"
+
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
@@ -118,31 +120,37 @@ bool Analyzer::IsImagesSimilar(ImageSets& sets, int i, int j) const {
 
 // ---------------------------------------------------------------- static page
 
+namespace detail {
+
+void AlignFrameToBaseline(cv::Mat& frame, bool portraitFrame, int baselineWidth, int baselineHeight) {
+    const bool landscapeBaseline = baselineWidth > baselineHeight;
+    if (portraitFrame && landscapeBaseline) {
+        cv::transpose(frame, frame);
+        cv::flip(frame, frame, 0);
+    } else if (!portraitFrame && !landscapeBaseline) {
+        cv::transpose(frame, frame);
+        cv::flip(frame, frame, 1);
+    }
+    if (frame.cols != baselineWidth || frame.rows != baselineHeight) {
+        cv::resize(frame, frame, cv::Size(baselineWidth, baselineHeight), 0, 0, cv::INTER_LINEAR);
+    }
+}
+
+}  // namespace detail
+
 void Analyzer::CheckAndResizeImages(ImageSets& sets, int baseline) {
     const int n = sets.size();
     if (n <= 1 || baseline >= n || baseline < 0) return;
     const int bw = sets[baseline].width();
     const int bh = sets[baseline].height();
-    const bool landscape = bw > bh;
     for (int i = 0; i <= n - 2; ++i) {
         Image& image = sets[i];
         if (image.Empty() || (image.width() == bw && image.height() == bh)) continue;
         std::printf("Vyra[Warning]: image<%d> size(%d, %d) not equal to baseline[%d] size(%d, %d)\n", i,
                     image.width(), image.height(), baseline, bw, bh);
         std::fflush(stdout);
-        const int w = image.width();
-        const int h = image.height();
-        cv::Mat& m = image.img();
-        if (w <= h && landscape) {
-            cv::transpose(m, m);
-            cv::flip(m, m, 0);
-        } else if (w > h && !landscape) {
-            cv::transpose(m, m);
-            cv::flip(m, m, 1);
-        }
-        if (image.width() != bw || image.height() != bh) {
-            cv::resize(m, m, cv::Size(bw, bh), 0, 0, cv::INTER_LINEAR);
-        }
+        const bool portrait = image.width() <= image.height();
+        detail::AlignFrameToBaseline(image.img(), portrait, bw, bh);
     }
 }
 

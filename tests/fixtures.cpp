@@ -128,4 +128,16 @@ std::vector<std::string> splitLines(const std::string& text) {
     return lines;
 }
 
+// ---- added for the sample-recording tests ----
+
+std::vector<cv::Mat> readVideoFrames(const fs::path& file) {
+    cv::VideoCapture capture(file.string());
+    std::vector<cv::Mat> frames;
+    cv::Mat frame;
+    while (capture.read(frame) && !frame.empty()) {
+        frames.push_back(frame.clone());
+    }
+    return frames;
+}
+
 }  // namespace vyra_test

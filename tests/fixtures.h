@@ -73,6 +73,11 @@ std::string readText(const fs::path& file);
 // Splits text at '\n' (a trailing newline gives no empty last line).
 std::vector<std::string> splitLines(const std::string& text);
 
+// ---- added for the sample-recording tests ----
+
+// Every frame cv::VideoCapture decodes from a file, each with its own buffer.
+std::vector<cv::Mat> readVideoFrames(const fs::path& file);
+
 }  // namespace vyra_test
 
 #endif  // VYRA_TESTS_FIXTURES_H
