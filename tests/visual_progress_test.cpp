@@ -12,6 +12,7 @@
 #include <opencv2/imgproc.hpp>
 #include <opencv2/videoio.hpp>
 
+#include "VyraSample.h"
 #include "VyraVisualProgress.h"
 #include "fixtures.h"
 
@@ -611,6 +612,52 @@ TEST(VisualProgressRecording, H264EncodingNoiseIsNoChange) {
         GTEST_SKIP() << "ffmpeg with libx264 is not available";
     }
     ExpectLaunchMeasures(Decode(file));
+}
+
+// The sample launch of tools/sample, with the status bar (whose clock ticks
+// every second) cut off as a caller would: the first change is the splash,
+// the last one the loaded page, which is also where the progress reaches
+// 0.99 (its picture alone covers about a third of the screen).
+void ExpectSampleMeasures(const std::vector<cv::Mat>& frames, const vyra::sample::SampleTruth& truth,
+                          int statusBarHeight) {
+    ASSERT_EQ(frames.size(), static_cast<size_t>(truth.frameCount));
+    VisualProgressTracker tracker;
+    for (size_t k = 0; k < frames.size(); ++k) {
+        const cv::Mat& frame = frames[k];
+        ASSERT_TRUE(tracker.AddFrame(
+            frame(cv::Rect(0, statusBarHeight, frame.cols, frame.rows - statusBarHeight)),
+            truth.timesMs[k]));
+    }
+    const VisualProgress r = tracker.Finish();
+    EXPECT_EQ(r.firstVisualChange, truth.splashStart);
+    EXPECT_EQ(r.lastVisualChange, truth.loadedIndex);
+    EXPECT_EQ(r.visuallyComplete99, truth.loadedIndex);
+    EXPECT_DOUBLE_EQ(r.visuallyComplete99Ms, truth.timesMs[truth.loadedIndex]);
+}
+
+vyra::sample::SampleOptions SmallSample() {
+    vyra::sample::SampleOptions options;
+    options.width = 180;
+    options.height = 320;
+    options.fps = 10;
+    options.seconds = 5;
+    return options;
+}
+constexpr int kSmallSampleStatusBar = 12;  // 24 units at half a unit per pixel
+
+TEST(VisualProgressRecording, SampleLaunchFrames) {
+    const vyra::sample::SampleOptions options = SmallSample();
+    const vyra::sample::SampleTruth truth = vyra::sample::PlanSample(options);
+    ExpectSampleMeasures(vyra::sample::RenderAllFrames(options, truth), truth,
+                         kSmallSampleStatusBar);
+}
+
+TEST(VisualProgressRecording, SampleLaunchVideo) {
+    vyra_test::TempDir dir;
+    const auto file = dir / "sample.mp4";
+    const vyra::sample::SampleTruth truth =
+        vyra::sample::WriteSampleVideo(file.string(), SmallSample());
+    ExpectSampleMeasures(vyra_test::readVideoFrames(file), truth, kSmallSampleStatusBar);
 }
 
 }  // namespace
