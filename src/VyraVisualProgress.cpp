@@ -1,7 +1,9 @@
 #include "VyraVisualProgress.h"
 
 #include <algorithm>
+#include <array>
 #include <cmath>
+#include <cstdint>
 #include <cstdlib>
 #include <numeric>
 
@@ -301,12 +303,13 @@ VisualProgress VisualProgressTracker::Finish() const {
     result.firstVisualChangeMs = TimeOf(result.timesMs, s.firstVisualChange);
     result.lastVisualChange = s.lastVisualChange;
     result.lastVisualChangeMs = TimeOf(result.timesMs, s.lastVisualChange);
-    result.visuallyComplete85 = VisuallyCompleteIndex(result.progress, 0.85);
-    result.visuallyComplete85Ms = TimeOf(result.timesMs, result.visuallyComplete85);
-    result.visuallyComplete95 = VisuallyCompleteIndex(result.progress, 0.95);
-    result.visuallyComplete95Ms = TimeOf(result.timesMs, result.visuallyComplete95);
-    result.visuallyComplete99 = VisuallyCompleteIndex(result.progress, 0.99);
-    result.visuallyComplete99Ms = TimeOf(result.timesMs, result.visuallyComplete99);
+    const auto complete = [&result](double threshold, int& index, double& timeMs) {
+        index = VisuallyCompleteIndex(result.progress, threshold);
+        timeMs = TimeOf(result.timesMs, index);
+    };
+    complete(0.85, result.visuallyComplete85, result.visuallyComplete85Ms);
+    complete(0.95, result.visuallyComplete95, result.visuallyComplete95Ms);
+    complete(0.99, result.visuallyComplete99, result.visuallyComplete99Ms);
     result.speedIndexMs = SpeedIndexMs(result.timesMs, result.progress, s.lastVisualChange);
     return result;
 }
