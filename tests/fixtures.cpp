@@ -128,7 +128,148 @@ std::vector<std::string> splitLines(const std::string& text) {
     return lines;
 }
 
-// ---- added for the sample-recording tests ----
+// ---- lazily loaded images (core class suites) ----
+
+CountingLoader::CountingLoader(cv::Mat frame, int failures)
+    : state_(std::make_shared<State>(State{std::move(frame), failures, 0})) {}
+
+std::function<cv::Mat()> CountingLoader::loader() const {
+    std::shared_ptr<State> state = state_;
+    return [state]() {
+        ++state->calls;
+        if (state->calls <= state->failures) {
+            throw std::runtime_error("CountingLoader: planned failure");
+        }
+        return state->frame.clone();
+    };
+}
+
+vyra::Image lazyImage(const CountingLoader& source, int width, int height, int index,
+                      std::vector<vyra::Rect> objects, double contentRatio) {
+    return vyra::Image(source.loader(), objects, width, height, contentRatio, index);
+}
+
+}  // namespace vyra_test
+
+// ---- run driver inputs (frame folders and recordings with known answers) ----
+#include <algorithm>
+#include <cmath>
+#include <cstdint>
+
+namespace vyra_test {
+
+namespace {
+
+void putBigEndian32(std::string& out, uint32_t value) {
+    for (int shift = 24; shift >= 0; shift -= 8) {
+        out.push_back(static_cast<char>((value >> shift) & 0xffu));
+    }
+}
+
+uint32_t crc32Of(const std::string& bytes) {
+    uint32_t crc = 0xffffffffu;
+    for (unsigned char byte : bytes) {
+        crc ^= byte;
+        for (int bit = 0; bit < 8; ++bit) {
+            crc = (crc >> 1) ^ (0xedb88320u & (0u - (crc & 1u)));
+        }
+    }
+    return ~crc;
+}
+
+// One PNG chunk: length, type, data, CRC of type and data.
+std::string pngChunk(const std::string& type, const std::string& data) {
+    std::string chunk;
+    putBigEndian32(chunk, static_cast<uint32_t>(data.size()));
+    chunk += type + data;
+    putBigEndian32(chunk, crc32Of(type + data));
+    return chunk;
+}
+
+}  // namespace
+
+cv::Mat logoFrame(int width, int height) {
+    cv::Mat frame = solidFrame(width, height);
+    const int side = std::min(width, height) / 4;
+    cv::rectangle(frame, cv::Rect((width - side) / 2, (height - side) / 2, side, side),
+                  cv::Scalar(40, 40, 40), cv::FILLED);
+    return frame;
+}
+
+cv::Mat cornerMarksFrame(int width, int height) {
+    cv::Mat frame = solidFrame(width, height);
+    const int side = std::min(width, height) / 10;
+    const int margin = side / 2;
+    for (int x : {margin, width - margin - side}) {
+        for (int y : {margin, height - margin - side}) {
+            cv::rectangle(frame, cv::Rect(x, y, side, side), cv::Scalar(40, 40, 40), cv::FILLED);
+        }
+    }
+    return frame;
+}
+
+cv::Mat loadedPageFrame(int width, int height) {
+    return texturedFrame(width, height, 20240307u);
+}
+
+std::vector<cv::Mat> launchSequence() {
+    const int w = kLaunchWidth;
+    const int h = kLaunchHeight;
+    std::vector<cv::Mat> frames{solidFrame(w, h), logoFrame(w, h), logoFrame(w, h),
+                                cornerMarksFrame(w, h)};
+    const cv::Mat loaded = loadedPageFrame(w, h);
+    for (int k = 4; k < 10; ++k) {
+        frames.push_back(loaded.clone());
+    }
+    return frames;
+}
+
+double referencePsnr(const cv::Mat& a, const cv::Mat& b) {
+    if (a.size() != b.size() || a.type() != CV_8UC3 || b.type() != CV_8UC3) {
+        throw std::invalid_argument("referencePsnr: two 8-bit BGR frames of one size expected");
+    }
+    double sse = 0.0;
+    for (int y = 0; y < a.rows; ++y) {
+        const unsigned char* pa = a.ptr<unsigned char>(y);
+        const unsigned char* pb = b.ptr<unsigned char>(y);
+        for (int x = 0; x < a.cols * 3; ++x) {
+            const double d = static_cast<double>(pa[x]) - static_cast<double>(pb[x]);
+            sse += d * d;
+        }
+    }
+    if (sse == 0.0) {
+        return 99.99;
+    }
+    const double mse = sse / (3.0 * a.rows * a.cols);
+    return 10.0 * std::log10(255.0 * 255.0 / mse);
+}
+
+std::string streamText(double value) {
+    std::ostringstream text;
+    text << value;
+    return text.str();
+}
+
+void writeDeclaredSizePng(const fs::path& file, unsigned width, unsigned height) {
+    std::string header;
+    putBigEndian32(header, width);
+    putBigEndian32(header, height);
+    header += std::string("\x08\x02\x00\x00\x00", 5);  // 8-bit RGB, no interlace
+    // zlib stream of one empty stored block: too little data for any row.
+    const std::string idat("\x78\x01\x01\x00\x00\xff\xff\x00\x00\x00\x01", 11);
+    std::ofstream out(file, std::ios::binary | std::ios::trunc);
+    out << std::string("\x89PNG\r\n\x1a\n", 8) << pngChunk("IHDR", header)
+        << pngChunk("IDAT", idat) << pngChunk("IEND", "");
+}
+
+void disableCameraBackend() {
+    setenv("OPENCV_VIDEOIO_PRIORITY_GPHOTO2", "0", 1);
+}
+
+}  // namespace vyra_test
+
+// ---- sample-recording tests ----
+namespace vyra_test {
 
 std::vector<cv::Mat> readVideoFrames(const fs::path& file) {
     cv::VideoCapture capture(file.string());

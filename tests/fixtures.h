@@ -4,10 +4,14 @@
 #define VYRA_TESTS_FIXTURES_H
 
 #include <filesystem>
+#include <functional>
+#include <memory>
 #include <string>
 #include <vector>
 
 #include <opencv2/core.hpp>
+
+#include "VyraImage.h"
 
 namespace vyra_test {
 
@@ -73,7 +77,84 @@ std::string readText(const fs::path& file);
 // Splits text at '\n' (a trailing newline gives no empty last line).
 std::vector<std::string> splitLines(const std::string& text);
 
-// ---- added for the sample-recording tests ----
+// ---- lazily loaded images (core class suites) ----
+
+// Makes loaders for vyra::Image that count their calls. Every call returns a
+// fresh deep copy of the frame, so changes made to a loaded image never reach
+// the next load. The first `failures` calls (shared by all loaders made by one
+// object) throw std::runtime_error instead.
+class CountingLoader {
+public:
+    explicit CountingLoader(cv::Mat frame, int failures = 0);
+    std::function<cv::Mat()> loader() const;
+    int calls() const { return state_->calls; }
+
+private:
+    struct State {
+        cv::Mat frame;
+        int failures;
+        int calls;
+    };
+    std::shared_ptr<State> state_;
+};
+
+// Image(loader, objects, width, height, contentRatio, index) with the
+// loader of `source`.
+vyra::Image lazyImage(const CountingLoader& source, int width, int height, int index,
+                      std::vector<vyra::Rect> objects = {}, double contentRatio = -1.0);
+
+}  // namespace vyra_test
+
+// ---- run driver inputs (frame folders and recordings with known answers) ----
+namespace vyra_test {
+
+// Size of the frames of the launch recordings below.
+constexpr int kLaunchWidth = 320;
+constexpr int kLaunchHeight = 240;
+
+// A white frame with one dark square in the middle of the screen: its
+// objects all lie inside the central area (20-80 % of the width, 25-75 % of
+// the height), so it is a logo frame, and it has far fewer than 200 objects.
+cv::Mat logoFrame(int width, int height);
+
+// A white frame with four small dark squares near the corners, all outside
+// the central area: a valid first frame, few objects (blank), no logo.
+cv::Mat cornerMarksFrame(int width, int height);
+
+// The fully loaded page: texturedFrame with a fixed seed. Every 8x8 block has
+// a random colour, so block edges are contours nearly everywhere: hundreds of
+// objects covering the whole frame (object count >= 200, content ratio near 1).
+cv::Mat loadedPageFrame(int width, int height);
+
+// A launch of 10 frames of kLaunchWidth x kLaunchHeight whose static analysis
+// is known by construction:
+//   0 white, 1-2 logo, 3 corner marks, 4-9 the identical loaded page.
+// Baseline 9 (last non-empty), load finished 4 (first non-blank frame, PSNR
+// 99.99 against the baseline), logo appears 1 and vanishes 3, first frame 3
+// (the search starts at 3, which has all objects outside the centre).
+std::vector<cv::Mat> launchSequence();
+
+// PSNR of two 8-bit frames of equal size, computed directly from the bytes:
+// 99.99 when identical, else 10 log10(255^2 / mean squared difference).
+double referencePsnr(const cv::Mat& a, const cv::Mat& b);
+
+// A number as std::ostream prints it by default (six significant digits).
+std::string streamText(double value);
+
+// A PNG file whose header declares width x height (a valid signature, IHDR
+// with its checksum, a tiny IDAT and IEND), without the pixel data to match.
+void writeDeclaredSizePng(const fs::path& file, unsigned width, unsigned height);
+
+// Switches off OpenCV's gphoto2 capture back end for this process. A path
+// that no file back end opens is offered to every back end, and gphoto2 then
+// scans the USB buses for cameras (leaking its device lists). Call before the
+// process's first cv::VideoCapture; tests that open missing videos do.
+void disableCameraBackend();
+
+}  // namespace vyra_test
+
+// ---- sample-recording tests ----
+namespace vyra_test {
 
 // Every frame cv::VideoCapture decodes from a file, each with its own buffer.
 std::vector<cv::Mat> readVideoFrames(const fs::path& file);

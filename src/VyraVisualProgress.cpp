@@ -1,0 +1,338 @@
+#include "VyraVisualProgress.h"
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <cstdint>
+#include <cstdlib>
+#include <numeric>
+
+namespace vyra {
+
+namespace {
+
+constexpr int kBins = 256;
+constexpr int kChannels = 3;
+
+using Histogram = std::array<std::uint32_t, kChannels * kBins>;  // B, G, R
+
+struct FrameRecord {
+    Histogram histogram;
+    std::uint64_t pixels;
+    double timeMs;
+    double changedFraction;
+};
+
+// Channel sums of the blocks of one frame, row by row of blocks, B G R per
+// block, with the frame size they belong to.
+struct BlockSums {
+    cv::Size size;
+    std::vector<std::uint32_t> sums;
+};
+
+VisualProgressOptions ClampOptions(VisualProgressOptions options) {
+    options.blockSize = std::clamp(options.blockSize, 1, 256);
+    options.levelTolerance = std::clamp(options.levelTolerance, 0, 255);
+    if (std::isnan(options.areaTolerance)) {
+        options.areaTolerance = kVisualProgressAreaTolerance;
+    }
+    options.areaTolerance = std::clamp(options.areaTolerance, 0.0, 1.0);
+    options.histogramSlop = std::clamp(options.histogramSlop, 0, 255);
+    return options;
+}
+
+bool IsSupportedFrame(const cv::Mat& frame) {
+    if (frame.empty() || frame.dims != 2 || frame.depth() != CV_8U) {
+        return false;
+    }
+    const int channels = frame.channels();
+    if (channels != 1 && channels != 3 && channels != 4) {
+        return false;
+    }
+    return frame.total() <= std::numeric_limits<std::uint32_t>::max();
+}
+
+int BlockCount(int length, int block) {
+    return (length + block - 1) / block;
+}
+
+// Adds one row of pixels to the histogram and to the sums of the blocks it
+// crosses. One channel reads as grey (B = G = R); a fourth one is skipped.
+template <int Cn>
+void AccumulateRow(const uchar* row, int width, int block, std::uint32_t* histogram,
+                   std::uint32_t* blockSums) {
+    for (int x0 = 0; x0 < width; x0 += block, blockSums += kChannels) {
+        const int x1 = std::min(width, x0 + block);
+        for (int x = x0; x < x1; ++x) {
+            const uchar* pixel = row + x * Cn;
+            for (int c = 0; c < kChannels; ++c) {
+                const uchar v = pixel[Cn == 1 ? 0 : c];
+                ++histogram[c * kBins + v];
+                blockSums[c] += v;
+            }
+        }
+    }
+}
+
+// The one pass over a frame's pixels: its histogram and its block sums.
+void ScanFrame(const cv::Mat& frame, int block, std::uint32_t* histogram, BlockSums& out) {
+    const int columns = BlockCount(frame.cols, block);
+    out.size = frame.size();
+    std::fill(out.sums.begin(), out.sums.end(), 0u);
+    for (int y = 0; y < frame.rows; ++y) {
+        std::uint32_t* sums = out.sums.data() + static_cast<size_t>(y / block) * columns * kChannels;
+        switch (frame.channels()) {
+            case 1: AccumulateRow<1>(frame.ptr<uchar>(y), frame.cols, block, histogram, sums); break;
+            case 3: AccumulateRow<3>(frame.ptr<uchar>(y), frame.cols, block, histogram, sums); break;
+            default: AccumulateRow<4>(frame.ptr<uchar>(y), frame.cols, block, histogram, sums); break;
+        }
+    }
+}
+
+// Pixels in the blocks whose channel mean differs by more than `level`
+// between two frames of one size; the whole frame when the sizes differ.
+std::uint64_t ChangedPixels(const BlockSums& a, const BlockSums& b, int block, int level) {
+    if (a.size != b.size) {
+        return static_cast<std::uint64_t>(a.size.width) * static_cast<std::uint64_t>(a.size.height);
+    }
+    std::uint64_t changed = 0;
+    size_t i = 0;
+    for (int y0 = 0; y0 < a.size.height; y0 += block) {
+        const int height = std::min(block, a.size.height - y0);
+        for (int x0 = 0; x0 < a.size.width; x0 += block, i += kChannels) {
+            const std::int64_t area = static_cast<std::int64_t>(height) *
+                                      std::min(block, a.size.width - x0);
+            const std::int64_t limit = level * area;
+            for (int c = 0; c < kChannels; ++c) {
+                const std::int64_t d = static_cast<std::int64_t>(a.sums[i + c]) - b.sums[i + c];
+                if (d > limit || -d > limit) {
+                    changed += static_cast<std::uint64_t>(area);
+                    break;
+                }
+            }
+        }
+    }
+    return changed;
+}
+
+// Mass left unpaired on one side when the units of a (scaled by scaleA) are
+// paired with those of b (scaled by scaleB) across at most `slop` levels.
+// Both scaled histograms have the same total. Pairing every unit of b, in
+// increasing value, with the lowest still unpaired unit of a within reach is
+// a maximum matching: the reach of each b value is an interval, and the
+// intervals come in increasing order of both ends.
+std::uint64_t UnpairedMass(const std::uint32_t* a, std::uint64_t scaleA, const std::uint32_t* b,
+                           std::uint64_t scaleB, int slop) {
+    std::array<std::uint64_t, kBins> left{};
+    for (int v = 0; v < kBins; ++v) {
+        left[v] = a[v] * scaleA;
+    }
+    std::uint64_t unpaired = 0;
+    int lowest = 0;  // below this, `left` is all zero or out of reach
+    for (int y = 0; y < kBins; ++y) {
+        std::uint64_t need = b[y] * scaleB;
+        lowest = std::max(lowest, y - slop);
+        const int highest = std::min(kBins - 1, y + slop);
+        for (int x = lowest; x <= highest && need > 0; ++x) {
+            const std::uint64_t take = std::min(left[x], need);
+            left[x] -= take;
+            need -= take;
+        }
+        unpaired += need;
+    }
+    return unpaired;
+}
+
+// Unpaired mass per channel between two frames, with the common total S.
+struct ChannelDistances {
+    std::array<std::uint64_t, kChannels> unpaired;
+    std::uint64_t total;
+};
+
+ChannelDistances Distances(const FrameRecord& a, const FrameRecord& b, int slop) {
+    const std::uint64_t g = std::gcd(a.pixels, b.pixels);
+    const std::uint64_t scaleA = b.pixels / g;
+    const std::uint64_t scaleB = a.pixels / g;
+    ChannelDistances d{};
+    d.total = a.pixels * scaleA;
+    for (int c = 0; c < kChannels; ++c) {
+        d.unpaired[c] = UnpairedMass(a.histogram.data() + c * kBins, scaleA,
+                                     b.histogram.data() + c * kBins, scaleB, slop);
+    }
+    return d;
+}
+
+// progress = sum_c max(0, T_c - D_c) / sum_c T_c with T_c = whole.unpaired[c] /
+// whole.total and D_c = frame.unpaired[c] / frame.total. Common factors of the
+// two totals are divided out first, so that for frames of one size the sums
+// are exact integers and the quotient is rounded once.
+double ProgressOf(const ChannelDistances& whole, const ChannelDistances& frame) {
+    const std::uint64_t g = std::gcd(whole.total, frame.total);
+    const long double wholeScale = static_cast<long double>(frame.total / g);
+    const long double frameScale = static_cast<long double>(whole.total / g);
+    long double numerator = 0;
+    long double denominator = 0;
+    for (int c = 0; c < kChannels; ++c) {
+        const long double t = whole.unpaired[c] * wholeScale;
+        const long double d = frame.unpaired[c] * frameScale;
+        numerator += std::max(0.0L, t - d);
+        denominator += t;
+    }
+    const double progress = static_cast<double>(numerator) / static_cast<double>(denominator);
+    return std::clamp(progress, 0.0, 1.0);
+}
+
+double Fraction(std::uint64_t part, std::uint64_t whole) {
+    return static_cast<double>(part) / static_cast<double>(whole);
+}
+
+double TimeOf(const std::vector<double>& timesMs, int index) {
+    return index >= 0 ? timesMs[index] : std::numeric_limits<double>::quiet_NaN();
+}
+
+}  // namespace
+
+struct VisualProgressTracker::State {
+    VisualProgressOptions options;
+    std::vector<FrameRecord> frames;
+    BlockSums current;   // scratch for the frame being added
+    BlockSums previous;  // of the last frame taken
+    BlockSums first;     // of frame 0, until a frame differs from it
+    bool comparingFirst = false;
+    int firstVisualChange = -1;
+    int lastVisualChange = -1;
+};
+
+VisualProgressTracker::VisualProgressTracker(const VisualProgressOptions& options)
+    : state_(std::make_unique<State>()) {
+    state_->options = ClampOptions(options);
+}
+
+VisualProgressTracker::VisualProgressTracker(const VisualProgressTracker& other)
+    : state_(std::make_unique<State>(*other.state_)) {}
+
+VisualProgressTracker& VisualProgressTracker::operator=(const VisualProgressTracker& other) {
+    if (this != &other) {
+        state_ = std::make_unique<State>(*other.state_);
+    }
+    return *this;
+}
+
+VisualProgressTracker::VisualProgressTracker(VisualProgressTracker&&) noexcept = default;
+VisualProgressTracker& VisualProgressTracker::operator=(VisualProgressTracker&&) noexcept = default;
+VisualProgressTracker::~VisualProgressTracker() = default;
+
+bool VisualProgressTracker::AddFrame(const cv::Mat& frame, double timeMs) {
+    State& s = *state_;
+    if (!IsSupportedFrame(frame) || !std::isfinite(timeMs) ||
+        (!s.frames.empty() && timeMs < s.frames.back().timeMs)) {
+        return false;
+    }
+    const int block = s.options.blockSize;
+    const int index = static_cast<int>(s.frames.size());
+    // Everything that may allocate comes first, so that an exception leaves
+    // the collected state untouched.
+    const size_t gridValues = static_cast<size_t>(BlockCount(frame.cols, block)) *
+                              BlockCount(frame.rows, block) * kChannels;
+    s.current.sums.resize(gridValues);
+    if (index == 0) {
+        s.first.sums.reserve(gridValues);
+    }
+    FrameRecord& record = s.frames.emplace_back();
+
+    record.histogram.fill(0);
+    record.pixels = frame.total();
+    record.timeMs = timeMs;
+    ScanFrame(frame, block, record.histogram.data(), s.current);
+    if (index == 0) {
+        record.changedFraction = 0.0;
+        s.first.size = s.current.size;
+        s.first.sums.assign(s.current.sums.begin(), s.current.sums.end());
+        s.comparingFirst = true;
+    } else {
+        const std::uint64_t changed =
+            ChangedPixels(s.current, s.previous, block, s.options.levelTolerance);
+        record.changedFraction = Fraction(changed, record.pixels);
+        if (record.changedFraction > s.options.areaTolerance) {
+            s.lastVisualChange = index;
+        }
+        if (s.comparingFirst &&
+            Fraction(ChangedPixels(s.current, s.first, block, s.options.levelTolerance),
+                     record.pixels) > s.options.areaTolerance) {
+            s.firstVisualChange = index;
+            s.comparingFirst = false;  // only the first such frame matters
+            std::vector<std::uint32_t>().swap(s.first.sums);
+        }
+    }
+    std::swap(s.current, s.previous);
+    return true;
+}
+
+int VisualProgressTracker::FrameCount() const {
+    return static_cast<int>(state_->frames.size());
+}
+
+const VisualProgressOptions& VisualProgressTracker::Options() const {
+    return state_->options;
+}
+
+VisualProgress VisualProgressTracker::Finish() const {
+    const State& s = *state_;
+    const std::vector<FrameRecord>& frames = s.frames;
+    const int slop = s.options.histogramSlop;
+    VisualProgress result;
+    if (frames.empty()) {
+        return result;
+    }
+    const size_t n = frames.size();
+    result.timesMs.reserve(n);
+    result.progress.reserve(n);
+    result.changedFraction.reserve(n);
+
+    const FrameRecord& last = frames.back();
+    const ChannelDistances whole = Distances(frames.front(), last, slop);
+    const bool unchanged = whole.unpaired == decltype(whole.unpaired){};
+    for (const FrameRecord& frame : frames) {
+        result.timesMs.push_back(frame.timeMs);
+        result.changedFraction.push_back(frame.changedFraction);
+        result.progress.push_back(
+            unchanged ? 1.0 : ProgressOf(whole, Distances(frame, last, slop)));
+    }
+
+    result.firstVisualChange = s.firstVisualChange;
+    result.firstVisualChangeMs = TimeOf(result.timesMs, s.firstVisualChange);
+    result.lastVisualChange = s.lastVisualChange;
+    result.lastVisualChangeMs = TimeOf(result.timesMs, s.lastVisualChange);
+    const auto complete = [&result](double threshold, int& index, double& timeMs) {
+        index = VisuallyCompleteIndex(result.progress, threshold);
+        timeMs = TimeOf(result.timesMs, index);
+    };
+    complete(0.85, result.visuallyComplete85, result.visuallyComplete85Ms);
+    complete(0.95, result.visuallyComplete95, result.visuallyComplete95Ms);
+    complete(0.99, result.visuallyComplete99, result.visuallyComplete99Ms);
+    result.speedIndexMs = SpeedIndexMs(result.timesMs, result.progress, s.lastVisualChange);
+    return result;
+}
+
+int VisuallyCompleteIndex(const std::vector<double>& progress, double threshold) {
+    int index = -1;
+    for (int k = static_cast<int>(progress.size()) - 1; k >= 0 && progress[k] >= threshold; --k) {
+        index = k;
+    }
+    return index;
+}
+
+double SpeedIndexMs(const std::vector<double>& timesMs, const std::vector<double>& progress,
+                    int endIndex) {
+    if (timesMs.empty() || timesMs.size() != progress.size() ||
+        endIndex >= static_cast<int>(timesMs.size())) {
+        return std::numeric_limits<double>::quiet_NaN();
+    }
+    double area = 0.0;
+    for (int k = 0; k < endIndex; ++k) {
+        area += (1.0 - progress[k]) * (timesMs[k + 1] - timesMs[k]);
+    }
+    return area;
+}
+
+}  // namespace vyra
