@@ -1,6 +1,0 @@
-# A host program written in C against vyra.h (compiled as C99, no C++).
-add_executable(vyra_c_host ${CMAKE_CURRENT_LIST_DIR}/c/c_host.c)
-set_target_properties(vyra_c_host PROPERTIES C_STANDARD 99 C_STANDARD_REQUIRED ON C_EXTENSIONS OFF)
-target_compile_options(vyra_c_host PRIVATE -Wall -Wextra -pedantic)
-target_link_libraries(vyra_c_host PRIVATE vyra m)
-add_test(NAME c_host COMMAND vyra_c_host)
