@@ -71,6 +71,14 @@
  *     0 (absolute), as in analyse(), giving -(absolute time of the range's
  *     first frame) / 1000, which is 0 for recordings that start at 0.
  *
+ * Visual progress: every prepared frame (ignore regions painted, crop cut
+ * out) goes, as it is decoded, to one vyra::VisualProgressTracker with
+ * MeasureOptions::visualProgress, timed in ms from the range's first frame.
+ * Frames whose size differs from the first frame's count as changed there
+ * (the tracker compares sizes before any alignment). Key frame times, the
+ * launch time included, are always the frame's own capture time: its file
+ * name's number, its presentation timestamp, or index / fps.
+ *
  * Frame intake lives in one place inside the library (a frame source per
  * kind of recording producing timed frames); the frames of the range are
  * held in memory at their decoded size for the analysis.
@@ -88,6 +96,7 @@
 
 #include "VyraAnalysisResults.h"
 #include "VyraExport.h"
+#include "VyraVisualProgress.h"
 #include "vyra.h"
 
 namespace vyra {
@@ -130,6 +139,9 @@ struct VYRA_API MeasureOptions {
     LaunchTimeMode launchTimeMode = LaunchTimeMode::LoadFinishedFrame;
     std::string saveFramesDir;        ///< "" = save nothing; else frames as analysed, "%08d.png"
     ProgressCallback progress;        ///< empty = no reports
+    /** Tolerances of the visual progress measures; levelTolerance is the
+     *  "noise tolerance" of the vyra tool (see VyraVisualProgress.h). */
+    VisualProgressOptions visualProgress;
 };
 
 /** A key frame: index in the range (-1 = not found), seconds from the range start (NaN if not found). */
@@ -156,6 +168,20 @@ struct VYRA_API MeasureResult {
     KeyFrame logoDisappear;           ///< analysis.staticResult.logoDisappearIndex
     KeyFrame firstFrame;              ///< analysis.staticResult.firstFrameIndex
     KeyFrame motionStart;             ///< analysis.dynamicResult.motionStartIndex
+
+    /**
+     * Visual progress of the analysed frames (after ignore painting and
+     * cropping, before size alignment), as VyraVisualProgress.h defines it.
+     * Its ...Ms times are milliseconds from the range's first frame (the
+     * frame times above, in ms); speedIndexMs is a duration in ms.
+     */
+    VisualProgress visual;
+    KeyFrame firstVisualChange;       ///< visual.firstVisualChange, time in seconds like every key frame
+    KeyFrame lastVisualChange;        ///< visual.lastVisualChange
+    KeyFrame visuallyComplete85;      ///< visual.visuallyComplete85
+    KeyFrame visuallyComplete95;      ///< visual.visuallyComplete95
+    KeyFrame visuallyComplete99;      ///< visual.visuallyComplete99
+    double speedIndexMs = std::numeric_limits<double>::quiet_NaN(); ///< visual.speedIndexMs
 };
 
 /** The error of Measure(): a message and one of the VyraStatus codes. */

@@ -13,7 +13,16 @@
  *     takes its defaults for the others;
  *   - result: the library writes only the bytes within struct_size.
  * VYRA_ABI_VERSION changes only when an existing field changes meaning or
- * place; compare it with vyra_abi_version() at run time.
+ * place; compare it with vyra_abi_version() at run time. The fields after
+ * the "appended" marks came later: a caller compiled without them passes a
+ * smaller struct_size and gets the defaults (settings) or is not written
+ * to (result) there.
+ *
+ * The per-frame visual progress series is not part of VyraResult (it has a
+ * fixed size); a caller that wants it passes buffers in
+ * VyraSettings.progress_out / frame_times_out with series_capacity and reads
+ * min(series_capacity, result.frame_count) entries after VYRA_OK. On an
+ * error the buffers' contents are unspecified.
  *
  * Threads: no call keeps state between calls; separate calls may run on
  * separate threads at the same time (each one decodes and analyses on the
@@ -141,6 +150,17 @@ typedef struct VyraSettings {
                                        "%08d.png", numbered from 0 within the range */
     VyraProgressCallback progress; /**< NULL: no progress reports. Default NULL */
     void* progress_user;          /**< handed to progress. Default NULL */
+    /* ---- appended: visual progress ---- */
+    int32_t noise_tolerance;      /**< levels (0..255, clamped) by which an 8x8 block's mean colour
+                                       may move between frames without counting as a visual change
+                                       (vyra::VisualProgressOptions::levelTolerance). Default 20 */
+    double* progress_out;         /**< NULL, or a caller buffer of series_capacity doubles that
+                                       receives the visual progress of frames 0 .. min(capacity,
+                                       frame_count) - 1, each in [0, 1]. Default NULL */
+    double* frame_times_out;      /**< NULL, or a caller buffer of series_capacity doubles that
+                                       receives the same frames' times, seconds from the range's
+                                       first frame. Default NULL */
+    size_t series_capacity;       /**< entries each non-NULL buffer above can hold. Default 0 */
 } VyraSettings;
 
 /** One key frame: its index in the range (-1: not found) and its time in
@@ -179,6 +199,14 @@ typedef struct VyraResult {
     uint64_t object_count_length; /**< entries of staticResult.objectCounts */
     uint64_t first_non_blank_object_count; /**< dynamicResult.firstNonBlankObjectCount */
     uint64_t feature_matching_count; /**< records in dynamicResult.featureMatchingResults */
+    /* ---- appended: visual progress (see VyraVisualProgress.h) ---- */
+    VyraKeyFrame first_visual_change;  /**< first frame that differs from frame 0 */
+    VyraKeyFrame last_visual_change;   /**< last frame that differs from the frame before it */
+    VyraKeyFrame visually_complete_85; /**< first frame from which progress stays >= 0.85 */
+    VyraKeyFrame visually_complete_95; /**< ... >= 0.95 */
+    VyraKeyFrame visually_complete_99; /**< ... >= 0.99 */
+    double speed_index_ms;        /**< area above the progress curve up to the last visual change,
+                                       in ms; 0 without visual change, NaN on error */
 } VyraResult;
 
 /**

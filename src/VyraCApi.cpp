@@ -9,6 +9,7 @@
 #include <limits>
 #include <new>
 #include <string>
+#include <vector>
 
 #include "VyraMeasure.h"
 
@@ -33,6 +34,9 @@ VyraResult emptyResult() {
     r.launch_time = kNaN;
     r.load_finished = r.baseline = r.logo_appear = r.logo_disappear = r.first_frame =
         r.motion_start = noKeyFrame();
+    r.first_visual_change = r.last_visual_change = r.visually_complete_85 = r.visually_complete_95 =
+        r.visually_complete_99 = noKeyFrame();
+    r.speed_index_ms = kNaN;
     r.loaded_psnr = -1.0;
     r.pre_loaded_psnr = -1.0;
     return r;
@@ -98,6 +102,7 @@ vyra::MeasureOptions toOptions(const VyraSettings& s) {
         options.ignore.push_back(toRegion(s.ignore[k]));
     }
     options.saveFramesDir = s.save_frames_dir != nullptr ? s.save_frames_dir : "";
+    options.visualProgress.levelTolerance = s.noise_tolerance;
     if (s.progress != nullptr) {
         const VyraProgressCallback callback = s.progress;
         void* const user = s.progress_user;
@@ -135,6 +140,28 @@ void fillResult(VyraResult& r, const vyra::MeasureResult& m) {
     r.object_count_length = a.staticResult.objectCounts.size();
     r.first_non_blank_object_count = a.dynamicResult.firstNonBlankObjectCount;
     r.feature_matching_count = a.dynamicResult.featureMatchingResults.size();
+    r.first_visual_change = toKeyFrame(m.firstVisualChange);
+    r.last_visual_change = toKeyFrame(m.lastVisualChange);
+    r.visually_complete_85 = toKeyFrame(m.visuallyComplete85);
+    r.visually_complete_95 = toKeyFrame(m.visuallyComplete95);
+    r.visually_complete_99 = toKeyFrame(m.visuallyComplete99);
+    r.speed_index_ms = m.speedIndexMs;
+}
+
+// Copies as much of @p values as fits into the caller's buffer, if any.
+void copySeries(double* out, size_t capacity, const std::vector<double>& values) {
+    if (out == nullptr) {
+        return;
+    }
+    const size_t count = std::min(capacity, values.size());
+    for (size_t k = 0; k < count; ++k) {
+        out[k] = values[k];
+    }
+}
+
+void fillSeries(const VyraSettings& s, const vyra::MeasureResult& m) {
+    copySeries(s.progress_out, s.series_capacity, m.visual.progress);
+    copySeries(s.frame_times_out, s.series_capacity, m.frameTimes);
 }
 
 void writeError(char* error, size_t size, const char* message) {
@@ -159,8 +186,10 @@ VyraStatus measure(const char* path, const VyraSettings* settings, VyraResult& f
         if (path == nullptr) {
             throw vyra::MeasureError(VYRA_ERROR_INVALID_ARGUMENT, "path is NULL");
         }
-        const vyra::MeasureOptions options = toOptions(readSettings(settings));
-        fillResult(full, vyra::Measure(path, options));
+        const VyraSettings given = readSettings(settings);
+        const vyra::MeasureResult measured = vyra::Measure(path, toOptions(given));
+        fillResult(full, measured);
+        fillSeries(given, measured);
         writeError(error, errorSize, "");
         return VYRA_OK;
     } catch (const vyra::MeasureError& e) {
@@ -201,6 +230,10 @@ void vyra_default_settings(VyraSettings* settings) {
     settings->save_frames_dir = nullptr;
     settings->progress = nullptr;
     settings->progress_user = nullptr;
+    settings->noise_tolerance = vyra::kVisualProgressLevelTolerance;
+    settings->progress_out = nullptr;
+    settings->frame_times_out = nullptr;
+    settings->series_capacity = 0;
 }
 
 const char* vyra_status_string(VyraStatus status) {

@@ -219,11 +219,29 @@ struct Intake {
     std::vector<double> rawTimesMs;
     std::optional<double> followingTimeMs;
     size_t estimatedTimeCount = 0;
+    VisualProgress visual;
 };
 
 void report(const MeasureOptions& options, MeasureStage stage, size_t done, size_t total) {
     if (options.progress) {
         options.progress(stage, done, total);
+    }
+}
+
+// Milliseconds of frame @p index from the range's first frame: index / fps,
+// or the raw time less the first frame's raw time.
+double relativeTimeMs(size_t index, const std::vector<double>& rawTimesMs, const MeasureOptions& options) {
+    return options.timing == Timing::FrameRate
+               ? static_cast<double>(index) * 1000.0 / options.fps
+               : rawTimesMs[index] - rawTimesMs.front();
+}
+
+void trackProgress(VisualProgressTracker& tracker, const cv::Mat& frame, double timeMs,
+                   const std::string& label) {
+    if (!tracker.AddFrame(frame, timeMs)) {
+        throw MeasureError(VYRA_ERROR_INTERNAL,
+                           "the visual progress cannot take " + label + " (unsupported pixels or a time "
+                           "before the previous frame's)");
     }
 }
 
@@ -233,6 +251,7 @@ Intake collectFrames(const std::string& path, const MeasureOptions& options) {
         detail::OpenFrameSource(path, detail::FrameRange{options.start, options.end}, timestamps);
     FramePreparer preparer(options);
     const FrameSaver saver(options.saveFramesDir);
+    VisualProgressTracker tracker(options.visualProgress);
     Intake intake;
     detail::SourceFrame decoded;
     while (source->Next(decoded)) {
@@ -240,12 +259,14 @@ Intake collectFrames(const std::string& path, const MeasureOptions& options) {
         decoded.pixels.release();
         const size_t index = intake.images.size();
         saver.Save(frame, index);
-        intake.images.emplace_back(frame, static_cast<int>(index));
         intake.rawTimesMs.push_back(decoded.timeMs);
+        trackProgress(tracker, frame, relativeTimeMs(index, intake.rawTimesMs, options), decoded.label);
+        intake.images.emplace_back(frame, static_cast<int>(index));
         intake.estimatedTimeCount += decoded.timeEstimated ? 1 : 0;
         report(options, MeasureStage::Decoding, index + 1, std::max(source->ExpectedCount(), index + 1));
     }
     intake.followingTimeMs = source->FollowingTimeMs();
+    intake.visual = tracker.Finish();
     return intake;
 }
 
@@ -286,7 +307,7 @@ std::vector<double> relativeTimes(const Intake& intake, const MeasureOptions& op
     for (size_t k = 0; k < times.size(); ++k) {
         times[k] = options.timing == Timing::FrameRate
                        ? static_cast<double>(k) / options.fps
-                       : (intake.rawTimesMs[k] - intake.rawTimesMs.front()) / 1000.0;
+                       : relativeTimeMs(k, intake.rawTimesMs, options) / 1000.0;
     }
     return times;
 }
@@ -337,6 +358,13 @@ MeasureResult buildResult(AnalysisResult analysis, const Intake& intake, int wid
                                 ? nextFrameTime(result.loadFinished.index, times, intake, options)
                                 : result.loadFinished.time;
     }
+    result.firstVisualChange = keyFrame(intake.visual.firstVisualChange, times);
+    result.lastVisualChange = keyFrame(intake.visual.lastVisualChange, times);
+    result.visuallyComplete85 = keyFrame(intake.visual.visuallyComplete85, times);
+    result.visuallyComplete95 = keyFrame(intake.visual.visuallyComplete95, times);
+    result.visuallyComplete99 = keyFrame(intake.visual.visuallyComplete99, times);
+    result.speedIndexMs = intake.visual.speedIndexMs;
+    result.visual = intake.visual;
     result.analysis = std::move(analysis);
     return result;
 }

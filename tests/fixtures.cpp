@@ -412,3 +412,43 @@ cv::Mat statusBarFrame(int width, int height, unsigned seed, int barHeight, cv::
 }
 
 }  // namespace vyra_test
+
+// ---- visual progress: pages of solid parts with exact pixel counts ----
+namespace vyra_test {
+
+cv::Mat pageFrame(bool grid, bool image, bool spinner, const std::string& clock) {
+    cv::Mat frame = solidFrame(kPageWidth, kPageHeight);
+    if (grid) {
+        for (int row = 0; row < 24; ++row) {
+            for (int column = 0; column < 18; ++column) {
+                cv::rectangle(frame, cv::Rect(2 + 10 * column, 2 + 10 * row, 6, 6), cv::Scalar(40, 90, 140),
+                              cv::FILLED);
+            }
+        }
+    }
+    if (image) {
+        cv::rectangle(frame, cv::Rect(80, 272, 24, 24), cv::Scalar(200, 160, 120), cv::FILLED);
+    }
+    if (spinner) {
+        cv::rectangle(frame, cv::Rect(24, 272, 24, 24), cv::Scalar(0, 0, 0), cv::FILLED);
+    }
+    if (!clock.empty()) {
+        cv::putText(frame, clock, cv::Point(kClockRegion[0] + 4, kClockRegion[1] + 17),
+                    cv::FONT_HERSHEY_SIMPLEX, 0.5, cv::Scalar(0, 0, 0), 2, cv::LINE_8);
+    }
+    return frame;
+}
+
+cv::Mat withNoise(const cv::Mat& frame, int amplitude, unsigned seed) {
+    cv::Mat noise(frame.size(), CV_16SC3);
+    cv::RNG rng(seed);
+    rng.fill(noise, cv::RNG::UNIFORM, cv::Scalar::all(-amplitude), cv::Scalar::all(amplitude + 1));
+    cv::Mat wide;
+    frame.convertTo(wide, CV_16SC3);
+    cv::Mat noisy;
+    cv::add(wide, noise, wide);
+    wide.convertTo(noisy, CV_8UC3);
+    return noisy;
+}
+
+}  // namespace vyra_test

@@ -199,4 +199,36 @@ cv::Mat statusBarFrame(int width, int height, unsigned seed, int barHeight, cv::
                        const std::string& clock);
 
 }  // namespace vyra_test
+
+// ---- visual progress: pages of solid parts with exact pixel counts ----
+namespace vyra_test {
+
+// Size of the visual progress pages.
+constexpr int kPageWidth = 180;
+constexpr int kPageHeight = 320;
+
+// The parts of a page, each a solid colour on white, none overlapping:
+//   grid:    432 squares of 6x6 (18 columns x 24 rows, one every 10 px from
+//            (2, 2), all above y = 240) in (40, 90, 140): 15552 pixels, and
+//            hundreds of objects, so the analysis sees content;
+//   image:   a 24x24 square at (80, 272) in (200, 160, 120): 576 pixels;
+//   spinner: a 24x24 square at (24, 272) in (0, 0, 0): 576 pixels;
+//   clock:   @p clock ("": none) in black, thickness 2, inside kClockRegion.
+// Every colour value lies more than 8 levels from the others of its channel
+// and from 255, so with the default histogram slop the progress between
+// such pages is the ratio of their changed pixel counts.
+constexpr int kGridPixels = 15552;
+constexpr int kImagePixels = 576;
+constexpr int kSpinnerPixels = 576;
+cv::Mat pageFrame(bool grid, bool image = false, bool spinner = false, const std::string& clock = "");
+
+// Rows y >= 296 hold the clock (x, y, width, height).
+constexpr int kClockRegion[4] = {100, 298, 80, 22};
+
+// @p frame with every channel of every pixel moved by a uniform random amount
+// in [-amplitude, amplitude] (seeded; saturated at 0 and 255).
+cv::Mat withNoise(const cv::Mat& frame, int amplitude, unsigned seed);
+
+}  // namespace vyra_test
+
 #endif  // VYRA_TESTS_FIXTURES_H

@@ -132,6 +132,8 @@ struct AnalyseArgs {
     bool json = false;
     std::string saveFrames;
     std::string launchTime = "frame";
+    int noiseTolerance = vyra::kVisualProgressLevelTolerance;
+    bool progress = false;
     bool quiet = false;
 };
 
@@ -159,6 +161,12 @@ void addAnalyseCommand(CLI::App& app, AnalyseArgs& args) {
                     "Launch time at the load-finished frame (frame, default) or at the frame after it "
                     "(next-frame)")
         ->check(CLI::IsMember({"frame", "next-frame"}));
+    cmd->add_option("--noise-tolerance", args.noiseTolerance,
+                    "Levels (0-255) by which an 8x8 block's mean colour may move between frames "
+                    "without counting as a visual change")
+        ->check(CLI::Range(0, 255))
+        ->capture_default_str();
+    cmd->add_flag("--progress", args.progress, "Also list every frame's visual progress");
     cmd->add_flag("--quiet", args.quiet, "No progress bar on standard error");
 }
 
@@ -181,6 +189,7 @@ vyra::MeasureOptions toOptions(const AnalyseArgs& args) {
     options.launchTimeMode =
         args.launchTime == "next-frame" ? vyra::LaunchTimeMode::NextFrame : vyra::LaunchTimeMode::LoadFinishedFrame;
     options.saveFramesDir = args.saveFrames;
+    options.visualProgress.levelTolerance = args.noiseTolerance;
     return options;
 }
 
@@ -197,6 +206,14 @@ std::vector<NamedKeyFrame> keyFrames(const vyra::MeasureResult& r) {
             {"logo disappear", "logo_disappear", &r.logoDisappear},
             {"first frame", "first_frame", &r.firstFrame},
             {"motion start", "motion_start", &r.motionStart}};
+}
+
+std::vector<NamedKeyFrame> visualFrames(const vyra::MeasureResult& r) {
+    return {{"first change", "first_visual_change", &r.firstVisualChange},
+            {"last change", "last_visual_change", &r.lastVisualChange},
+            {"complete 85", "visually_complete_85", &r.visuallyComplete85},
+            {"complete 95", "visually_complete_95", &r.visuallyComplete95},
+            {"complete 99", "visually_complete_99", &r.visuallyComplete99}};
 }
 
 std::string seconds(double value) {
@@ -217,14 +234,41 @@ std::string timingText(const vyra::MeasureResult& r) {
     return "timestamps";
 }
 
-void printSummary(const vyra::MeasureResult& r) {
-    std::printf("launch time: %s\n",
-                std::isnan(r.launchTime) ? "not found" : (seconds(r.launchTime) + " s").c_str());
-    std::printf("%-16s %6s %10s\n", "key frame", "index", "time (s)");
-    for (const NamedKeyFrame& key : keyFrames(r)) {
+// A table of key frames under @p title: name, index and time per row.
+void printKeyFrameTable(const char* title, const std::vector<NamedKeyFrame>& rows) {
+    std::printf("%-16s %6s %10s\n", title, "index", "time (s)");
+    for (const NamedKeyFrame& key : rows) {
         const std::string index = key.frame->index < 0 ? "-" : std::to_string(key.frame->index);
         std::printf("%-16s %6s %10s\n", key.label, index.c_str(), seconds(key.frame->time).c_str());
     }
+}
+
+std::string milliseconds(double value) {
+    if (std::isnan(value)) {
+        return "-";
+    }
+    char text[64];
+    std::snprintf(text, sizeof text, "%.1f ms", value);
+    return text;
+}
+
+void printVisualProgress(const vyra::MeasureResult& r, int noiseTolerance, bool series) {
+    printKeyFrameTable("visual progress", visualFrames(r));
+    std::printf("speed index: %s, noise tolerance: %d\n", milliseconds(r.speedIndexMs).c_str(),
+                noiseTolerance);
+    if (!series) {
+        return;
+    }
+    std::printf("%6s %10s %9s\n", "frame", "time (s)", "progress");
+    for (size_t k = 0; k < r.visual.progress.size(); ++k) {
+        std::printf("%6zu %10s %9.4f\n", k, seconds(r.frameTimes[k]).c_str(), r.visual.progress[k]);
+    }
+}
+
+void printSummary(const vyra::MeasureResult& r, const AnalyseArgs& args) {
+    std::printf("launch time: %s\n",
+                std::isnan(r.launchTime) ? "not found" : (seconds(r.launchTime) + " s").c_str());
+    printKeyFrameTable("key frame", keyFrames(r));
     std::printf("frames: %zu (%dx%d), timing: %s, launch time at: %s\n", r.frameCount, r.frameWidth,
                 r.frameHeight, timingText(r).c_str(),
                 r.launchTimeMode == vyra::LaunchTimeMode::NextFrame ? "next frame" : "load-finished frame");
@@ -232,6 +276,7 @@ void printSummary(const vyra::MeasureResult& r) {
         std::printf("note: %zu frame time(s) estimated (the decoder reported no timestamp)\n",
                     r.estimatedTimeCount);
     }
+    printVisualProgress(r, args.noiseTolerance, args.progress);
 }
 
 Json number(double value) { return std::isnan(value) ? Json(nullptr) : Json(value); }
@@ -263,11 +308,31 @@ Json analysisJson(const vyra::AnalysisResult& a) {
               {"feature_matching_results", matches}}}};
 }
 
-Json resultJson(const std::string& recording, const vyra::MeasureResult& r) {
+Json keyFramesJson(const std::vector<NamedKeyFrame>& frames) {
     Json keys = Json::object();
-    for (const NamedKeyFrame& key : keyFrames(r)) {
+    for (const NamedKeyFrame& key : frames) {
         keys[key.key] = {{"index", key.frame->index}, {"time", number(key.frame->time)}};
     }
+    return keys;
+}
+
+Json visualJson(const vyra::MeasureResult& r, const AnalyseArgs& args) {
+    Json visual = keyFramesJson(visualFrames(r));
+    visual["speed_index_ms"] = number(r.speedIndexMs);
+    visual["noise_tolerance"] = args.noiseTolerance;
+    if (args.progress) {
+        Json series = Json::array();
+        for (size_t k = 0; k < r.visual.progress.size(); ++k) {
+            series.push_back({{"index", k}, {"time", number(r.frameTimes[k])}, {"progress", r.visual.progress[k]}});
+        }
+        visual["progress"] = series;
+    }
+    return visual;
+}
+
+Json resultJson(const AnalyseArgs& args, const vyra::MeasureResult& r) {
+    const std::string& recording = args.recording;
+    const Json keys = keyFramesJson(keyFrames(r));
     Json times = Json::array();
     for (double t : r.frameTimes) {
         times.push_back(number(t));
@@ -286,6 +351,7 @@ Json resultJson(const std::string& recording, const vyra::MeasureResult& r) {
             {"estimated_time_count", r.estimatedTimeCount},
             {"key_frames", keys},
             {"frame_times", times},
+            {"visual_progress", visualJson(r, args)},
             {"analysis", analysisJson(r.analysis)}};
 }
 
@@ -331,10 +397,10 @@ int runAnalyse(const AnalyseArgs& args) {
     }
     bar.Clear();
     if (args.json) {
-        writeJson(std::cout, resultJson(args.recording, result), 0);
+        writeJson(std::cout, resultJson(args, result), 0);
         std::cout << std::endl;
     } else {
-        printSummary(result);
+        printSummary(result, args);
     }
     return kExitOk;
 }

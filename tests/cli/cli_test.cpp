@@ -30,7 +30,7 @@ std::string cliPath() {
 #endif
 }
 
-ProcessResult vyra(std::vector<std::string> args, const fs::path& cwd = {}, bool terminal = false) {
+ProcessResult runVyra(std::vector<std::string> args, const fs::path& cwd = {}, bool terminal = false) {
     args.insert(args.begin(), cliPath());
     return runProcess(args, cwd, terminal);
 }
@@ -59,7 +59,7 @@ Truth parseTruth(const std::string& out) {
 Truth makeSample(const std::vector<std::string>& args) {
     std::vector<std::string> full = {"sample"};
     full.insert(full.end(), args.begin(), args.end());
-    const ProcessResult run = vyra(full);
+    const ProcessResult run = runVyra(full);
     EXPECT_EQ(run.exitCode, 0) << run.err;
     const Truth truth = parseTruth(run.out);
     EXPECT_GT(truth.frames, 0) << run.out;
@@ -71,7 +71,7 @@ Json analyseJson(const std::vector<std::string>& args) {
     std::vector<std::string> full = {"analyse"};
     full.insert(full.end(), args.begin(), args.end());
     full.push_back("--json");
-    const ProcessResult run = vyra(full);
+    const ProcessResult run = runVyra(full);
     EXPECT_EQ(run.exitCode, 0) << run.err;
     EXPECT_EQ(run.err, "");
     return Json::parse(run.out);
@@ -117,14 +117,14 @@ void expectOneErrorLine(const ProcessResult& run, int exitCode, const std::strin
 // ---- help, version, usage ----
 
 TEST(Cli, VersionAndHelp) {
-    const ProcessResult version = vyra({"--version"});
+    const ProcessResult version = runVyra({"--version"});
     EXPECT_EQ(version.exitCode, 0);
     EXPECT_EQ(version.out, std::string("vyra ") + vyra_version() + "\n");
-    const ProcessResult help = vyra({"--help"});
+    const ProcessResult help = runVyra({"--help"});
     EXPECT_EQ(help.exitCode, 0);
     EXPECT_NE(help.out.find("analyse"), std::string::npos);
     EXPECT_NE(help.out.find("sample"), std::string::npos);
-    const ProcessResult analyseHelp = vyra({"analyse", "--help"});
+    const ProcessResult analyseHelp = runVyra({"analyse", "--help"});
     EXPECT_EQ(analyseHelp.exitCode, 0);
     for (const char* flag : {"--fps", "--timestamps", "--start", "--end", "--crop", "--ignore", "--dynamic",
                              "--stable-baseline", "--json", "--save-frames", "--launch-time", "--quiet"}) {
@@ -148,7 +148,7 @@ TEST(Cli, UsageErrorsExitWithTwo) {
         {"sample", (dir / "s.mkv").string(), "--size", "100"},
     };
     for (const std::vector<std::string>& args : cases) {
-        const ProcessResult run = vyra(args);
+        const ProcessResult run = runVyra(args);
         std::string joined;
         for (const std::string& a : args) joined += a + " ";
         EXPECT_EQ(run.exitCode, 2) << joined << run.err;
@@ -164,17 +164,17 @@ TEST(Cli, BadInputsGiveTheirExitStatusAndOneMessage) {
     std::ofstream(dir / "junk.mp4") << "no video in here";
     writePngFolder(dir / "named", {"a.png", "b.png"}, {solidFrame(180, 320), solidFrame(180, 320)});
 
-    expectOneErrorLine(vyra({"analyse", (dir / "missing.mp4").string()}), 3, "does not exist");
-    expectOneErrorLine(vyra({"analyse", (dir / "junk.mp4").string()}), 3, "junk.mp4");
-    expectOneErrorLine(vyra({"analyse", (dir / "empty").string()}), 3, "no PNG");
-    expectOneErrorLine(vyra({"analyse", rec, "--start", "10"}), 3, "selects no frame");
-    expectOneErrorLine(vyra({"analyse", (dir / "named").string()}), 3, "a.png");
-    expectOneErrorLine(vyra({"analyse", rec, "--fps", "0"}), 2, "frame rate");
-    expectOneErrorLine(vyra({"analyse", rec, "--crop", "100,300,100,100"}), 2, "does not lie inside");
-    expectOneErrorLine(vyra({"analyse", rec, "--ignore", "0,0,5,5", "--ignore", "170,0,20,5"}), 2,
+    expectOneErrorLine(runVyra({"analyse", (dir / "missing.mp4").string()}), 3, "does not exist");
+    expectOneErrorLine(runVyra({"analyse", (dir / "junk.mp4").string()}), 3, "junk.mp4");
+    expectOneErrorLine(runVyra({"analyse", (dir / "empty").string()}), 3, "no PNG");
+    expectOneErrorLine(runVyra({"analyse", rec, "--start", "10"}), 3, "selects no frame");
+    expectOneErrorLine(runVyra({"analyse", (dir / "named").string()}), 3, "a.png");
+    expectOneErrorLine(runVyra({"analyse", rec, "--fps", "0"}), 2, "frame rate");
+    expectOneErrorLine(runVyra({"analyse", rec, "--crop", "100,300,100,100"}), 2, "does not lie inside");
+    expectOneErrorLine(runVyra({"analyse", rec, "--ignore", "0,0,5,5", "--ignore", "170,0,20,5"}), 2,
                        "170,0,20,5");
     std::ofstream(dir / "file") << "x";
-    expectOneErrorLine(vyra({"analyse", rec, "--save-frames", (dir / "file" / "sub").string()}), 1, "sub");
+    expectOneErrorLine(runVyra({"analyse", rec, "--save-frames", (dir / "file" / "sub").string()}), 1, "sub");
 }
 
 // ---- output ----
@@ -182,7 +182,7 @@ TEST(Cli, BadInputsGiveTheirExitStatusAndOneMessage) {
 TEST(Cli, HumanSummaryListsLaunchTimeAndKeyFrames) {
     TempDir dir;
     const std::string rec = writeLaunchFolder(dir).string();
-    const ProcessResult run = vyra({"analyse", rec});
+    const ProcessResult run = runVyra({"analyse", rec});
     EXPECT_EQ(run.exitCode, 0) << run.err;
     EXPECT_EQ(run.err, "");
     EXPECT_EQ(run.out,
@@ -194,22 +194,39 @@ TEST(Cli, HumanSummaryListsLaunchTimeAndKeyFrames) {
               "logo disappear        -          -\n"
               "first frame           4      0.250\n"
               "motion start          -          -\n"
-              "frames: 10 (180x320), timing: timestamps, launch time at: load-finished frame\n");
+              "frames: 10 (180x320), timing: timestamps, launch time at: load-finished frame\n"
+              "visual progress   index   time (s)\n"
+              "first change          4      0.250\n"
+              "last change           4      0.250\n"
+              "complete 85           4      0.250\n"
+              "complete 95           4      0.250\n"
+              "complete 99           4      0.250\n"
+              "speed index: 250.0 ms, noise tolerance: 20\n");  // 250 ms at progress 0
 
-    const ProcessResult next = vyra({"analyse", rec, "--fps", "20", "--launch-time", "next-frame", "--start", "1"});
+    const ProcessResult next = runVyra({"analyse", rec, "--fps", "20", "--launch-time", "next-frame", "--start", "1",
+                                        "--noise-tolerance", "7", "--progress"});
     EXPECT_EQ(next.exitCode, 0) << next.err;
     const std::vector<std::string> lines = splitLines(next.out);
-    ASSERT_EQ(lines.size(), 9u);
+    ASSERT_EQ(lines.size(), 26u) << next.out;
     EXPECT_EQ(lines[0], "launch time: 0.200 s");  // (3 + 1) / 20
     EXPECT_EQ(lines[2], "load finished         3      0.150");
     EXPECT_EQ(lines[8], "frames: 9 (180x320), timing: frame rate 20 fps, launch time at: next frame");
+    EXPECT_EQ(lines[9], "visual progress   index   time (s)");
+    EXPECT_EQ(lines[10], "first change          3      0.150");
+    EXPECT_EQ(lines[14], "complete 99           3      0.150");
+    EXPECT_EQ(lines[15], "speed index: 150.0 ms, noise tolerance: 7");
+    EXPECT_EQ(lines[16], " frame   time (s)  progress");
+    EXPECT_EQ(lines[17], "     0      0.000    0.0000");
+    EXPECT_EQ(lines[19], "     2      0.100    0.0000");
+    EXPECT_EQ(lines[20], "     3      0.150    1.0000");
+    EXPECT_EQ(lines[25], "     8      0.400    1.0000");
 }
 
 TEST(Cli, NothingFoundIsSuccessWithNullLaunchTime) {
     TempDir dir;
     writePngFolder(dir / "rec", {"0100.png", "0200.png", "0300.png"},
                    {solidFrame(180, 320), solidFrame(180, 320), solidFrame(180, 320)});
-    const ProcessResult human = vyra({"analyse", (dir / "rec").string()});
+    const ProcessResult human = runVyra({"analyse", (dir / "rec").string()});
     EXPECT_EQ(human.exitCode, 0);
     EXPECT_EQ(splitLines(human.out).at(0), "launch time: not found");
     const Json json = analyseJson({(dir / "rec").string()});
@@ -260,6 +277,22 @@ TEST(Cli, JsonCarriesEveryFieldOfTheResult) {
     EXPECT_EQ(a["dynamic"]["motion_start_index"], -1);
     EXPECT_EQ(a["dynamic"]["first_non_blank_object_count"], 0);
     EXPECT_TRUE(a["dynamic"]["feature_matching_results"].empty());
+    const Json& v = j["visual_progress"];
+    for (const char* key : {"first_visual_change", "last_visual_change", "visually_complete_85",
+                            "visually_complete_95", "visually_complete_99"}) {
+        EXPECT_EQ(v[key]["index"], 4) << key;  // white up to frame 3, the final page from frame 4
+        EXPECT_DOUBLE_EQ(v[key]["time"].get<double>(), 0.25) << key;
+    }
+    EXPECT_DOUBLE_EQ(v["speed_index_ms"].get<double>(), 250.0);
+    EXPECT_EQ(v["noise_tolerance"], 20);
+    EXPECT_FALSE(v.contains("progress"));
+    const Json p = analyseJson({rec, "--end", "8", "--progress"})["visual_progress"]["progress"];
+    ASSERT_EQ(p.size(), 9u);
+    for (size_t k = 0; k < 9; ++k) {
+        EXPECT_EQ(p[k]["index"], k);
+        EXPECT_DOUBLE_EQ(p[k]["time"].get<double>(), (kTimes[k] - 1000) / 1000.0) << k;
+        EXPECT_EQ(p[k]["progress"].get<double>(), k < 4 ? 0.0 : 1.0) << k;
+    }
 
     const Json d = analyseJson({rec, "--dynamic"});
     EXPECT_EQ(d["page_type"], "dynamic");
@@ -287,15 +320,88 @@ TEST(Cli, IgnoredClockRegionMakesFramesIdentical) {
     EXPECT_DOUBLE_EQ(ignored["analysis"]["static"]["loaded_psnr"].get<double>(), 99.99);
 }
 
+// ---- visual progress ----
+
+std::string writePageFolder(const TempDir& dir, const std::vector<int>& timesMs, const std::vector<cv::Mat>& frames) {
+    std::vector<std::string> names;
+    for (int t : timesMs) names.push_back(std::to_string(10000 + t) + ".png");
+    writePngFolder(dir / "rec", names, frames);
+    return (dir / "rec").string();
+}
+
+TEST(CliVisual, LateImageIsVisuallyComplete99AndTheLaunchTimeIsTheLoadFinishedFramesOwnTime) {
+    TempDir dir;
+    const cv::Mat white = pageFrame(false);
+    const cv::Mat grid = pageFrame(true);
+    const cv::Mat full = pageFrame(true, true);
+    const std::string rec =
+        writePageFolder(dir, {0, 100, 200, 1200, 2200, 2300}, {white, white, grid, grid, full, full});
+    const Json j = analyseJson({rec, "--progress"});
+    const Json& v = j["visual_progress"];
+    EXPECT_EQ(v["first_visual_change"]["index"], 2);
+    EXPECT_EQ(v["last_visual_change"]["index"], 4);
+    EXPECT_EQ(v["visually_complete_95"]["index"], 2);
+    EXPECT_EQ(v["visually_complete_99"]["index"], 4);
+    EXPECT_DOUBLE_EQ(v["visually_complete_99"]["time"].get<double>(), 2.2);
+    EXPECT_NEAR(v["speed_index_ms"].get<double>(), 200.0 + 2000.0 / 28.0, 1e-9);
+    const std::vector<double> expected = {0.0, 0.0, 27.0 / 28.0, 27.0 / 28.0, 1.0, 1.0};
+    ASSERT_EQ(v["progress"].size(), expected.size());
+    for (size_t k = 0; k < expected.size(); ++k) {
+        EXPECT_DOUBLE_EQ(v["progress"][k]["progress"].get<double>(), expected[k]) << k;
+    }
+    const int loaded = j["key_frames"]["load_finished"]["index"];
+    ASSERT_GE(loaded, 2);
+    EXPECT_LE(loaded, 4);
+    EXPECT_EQ(j["launch_time"], j["key_frames"]["load_finished"]["time"]);
+    EXPECT_EQ(j["launch_time"], j["frame_times"][static_cast<size_t>(loaded)]);
+}
+
+TEST(CliVisual, NoiseToleranceDecidesWhetherNoiseIsAChange) {
+    TempDir dir;
+    std::vector<cv::Mat> frames;
+    std::vector<int> times;
+    for (int k = 0; k < 6; ++k) {
+        frames.push_back(withNoise(pageFrame(k >= 1), 6, 40u + static_cast<unsigned>(k)));
+        times.push_back(100 * k);
+    }
+    const std::string rec = writePageFolder(dir, times, frames);
+    EXPECT_EQ(analyseJson({rec})["visual_progress"]["last_visual_change"]["index"], 1);
+    const Json strict = analyseJson({rec, "--noise-tolerance", "0"})["visual_progress"];
+    EXPECT_EQ(strict["last_visual_change"]["index"], 5);
+    EXPECT_EQ(strict["noise_tolerance"], 0);
+    for (const char* bad : {"-1", "256", "x"}) {
+        const ProcessResult run = runVyra({"analyse", rec, "--noise-tolerance", bad});
+        EXPECT_EQ(run.exitCode, 2) << bad;
+        EXPECT_EQ(run.out, "") << bad;
+    }
+}
+
+TEST(CliVisual, IgnoredClockIsNoVisualChange) {
+    TempDir dir;
+    std::vector<cv::Mat> frames;
+    std::vector<int> times;
+    for (int k = 0; k < 5; ++k) {
+        frames.push_back(pageFrame(k >= 1, false, false, "9:4" + std::to_string(k)));
+        times.push_back(100 * k);
+    }
+    const std::string rec = writePageFolder(dir, times, frames);
+    const std::string region = std::to_string(kClockRegion[0]) + "," + std::to_string(kClockRegion[1]) + "," +
+                               std::to_string(kClockRegion[2]) + "," + std::to_string(kClockRegion[3]);
+    EXPECT_EQ(analyseJson({rec})["visual_progress"]["last_visual_change"]["index"], 4);
+    const Json v = analyseJson({rec, "--ignore", region})["visual_progress"];
+    EXPECT_EQ(v["last_visual_change"]["index"], 1);
+    EXPECT_DOUBLE_EQ(v["speed_index_ms"].get<double>(), 100.0);
+}
+
 // ---- files and progress ----
 
 TEST(Cli, WritesNothingUnlessAskedToSaveFrames) {
     TempDir dir;
     TempDir cwd;
     const std::string rec = writeLaunchFolder(dir).string();
-    EXPECT_EQ(vyra({"analyse", rec}, cwd.path()).exitCode, 0);
+    EXPECT_EQ(runVyra({"analyse", rec}, cwd.path()).exitCode, 0);
     EXPECT_TRUE(fs::is_empty(cwd.path()));
-    EXPECT_EQ(vyra({"analyse", rec, "--save-frames", "seen", "--start", "6"}, cwd.path()).exitCode, 0);
+    EXPECT_EQ(runVyra({"analyse", rec, "--save-frames", "seen", "--start", "6"}, cwd.path()).exitCode, 0);
     EXPECT_EQ(pngNames(cwd.path() / "seen"),
               (std::vector<std::string>{"00000000.png", "00000001.png", "00000002.png", "00000003.png"}));
 }
@@ -303,15 +409,15 @@ TEST(Cli, WritesNothingUnlessAskedToSaveFrames) {
 TEST(Cli, ProgressBarOnlyOnATerminalAndNotWhenQuiet) {
     TempDir dir;
     const std::string rec = writeLaunchFolder(dir).string();
-    const ProcessResult piped = vyra({"analyse", rec});
+    const ProcessResult piped = runVyra({"analyse", rec});
     EXPECT_EQ(piped.err, "");
-    const ProcessResult terminal = vyra({"analyse", rec}, {}, true);
+    const ProcessResult terminal = runVyra({"analyse", rec}, {}, true);
     EXPECT_EQ(terminal.exitCode, 0);
     EXPECT_NE(terminal.err.find("decoding"), std::string::npos) << terminal.err;
     EXPECT_NE(terminal.err.find("10/10"), std::string::npos) << terminal.err;
     EXPECT_NE(terminal.err.find("analysing"), std::string::npos) << terminal.err;
     EXPECT_EQ(terminal.out, piped.out);
-    const ProcessResult quiet = vyra({"analyse", rec, "--quiet"}, {}, true);
+    const ProcessResult quiet = runVyra({"analyse", rec, "--quiet"}, {}, true);
     EXPECT_EQ(quiet.exitCode, 0);
     EXPECT_EQ(quiet.err, "");
     EXPECT_EQ(quiet.out, piped.out);
@@ -340,7 +446,7 @@ TEST(CliSample, VideoSampleHumanAndJsonOutput) {
     const Truth truth = makeSample({video, "--seconds", "3", "--fps", "20", "--size", "180x320", "--seed", "4"});
     EXPECT_EQ(truth.frames, 60);
 
-    const ProcessResult human = vyra({"analyse", video});
+    const ProcessResult human = runVyra({"analyse", video});
     ASSERT_EQ(human.exitCode, 0) << human.err;
     int index = -1;
     char time[32] = "";

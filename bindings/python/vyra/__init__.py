@@ -21,7 +21,7 @@ import ctypes.util
 import math
 import os
 from dataclasses import dataclass
-from typing import Callable, Iterable, Optional, Sequence
+from typing import Callable, Iterable, Optional, Sequence, Tuple
 
 __all__ = [
     "VyraError", "KeyFrame", "Measurement", "measure", "version", "abi_version",
@@ -45,6 +45,7 @@ _TIMING = {"timestamps": 0, "frame-rate": 1}
 _LAUNCH_TIME = {"frame": 0, "next-frame": 1}
 _PAGE = {"static": 0, "dynamic": 1}
 _STAGE = {0: "decoding", 1: "analysing"}
+_SERIES_CAPACITY = 4096  # frames the progress series buffers hold at first
 
 
 class _Region(ctypes.Structure):
@@ -72,6 +73,10 @@ class _Settings(ctypes.Structure):
         ("save_frames_dir", ctypes.c_char_p),
         ("progress", _Progress),
         ("progress_user", ctypes.c_void_p),
+        ("noise_tolerance", ctypes.c_int32),
+        ("progress_out", ctypes.POINTER(ctypes.c_double)),
+        ("frame_times_out", ctypes.POINTER(ctypes.c_double)),
+        ("series_capacity", ctypes.c_size_t),
     ]
 
 
@@ -103,6 +108,12 @@ class _Result(ctypes.Structure):
         ("object_count_length", ctypes.c_uint64),
         ("first_non_blank_object_count", ctypes.c_uint64),
         ("feature_matching_count", ctypes.c_uint64),
+        ("first_visual_change", _KeyFrame),
+        ("last_visual_change", _KeyFrame),
+        ("visually_complete_85", _KeyFrame),
+        ("visually_complete_95", _KeyFrame),
+        ("visually_complete_99", _KeyFrame),
+        ("speed_index_ms", ctypes.c_double),
     ]
 
 
@@ -150,6 +161,15 @@ class Measurement:
     object_count_length: int
     first_non_blank_object_count: int
     feature_matching_count: int
+    first_visual_change: KeyFrame
+    last_visual_change: KeyFrame
+    visually_complete_85: KeyFrame
+    visually_complete_95: KeyFrame
+    visually_complete_99: KeyFrame
+    speed_index_ms: float       # area above the visual progress curve, ms
+    noise_tolerance: int        # the noise tolerance the measures used
+    # (index, time in s, progress) of every frame when measure(progress_series=True), else ()
+    progress_series: Tuple[Tuple[int, float, float], ...]
 
     @property
     def found(self) -> bool:
@@ -230,7 +250,8 @@ def measure(path, *, fps: Optional[float] = None, start: int = 0, end: int = 0, 
             stable_baseline: bool = False, crop: Optional[Sequence[int]] = None,
             ignore: Iterable[Sequence[int]] = (), launch_time: str = "frame",
             save_frames: Optional[str] = None,
-            progress: Optional[Callable[[str, int, int], None]] = None) -> Measurement:
+            progress: Optional[Callable[[str, int, int], None]] = None,
+            noise_tolerance: int = 20, progress_series: bool = False) -> Measurement:
     """Measures the recording at @path (a video file or a folder of PNG frames).
 
     fps: None times frames by their timestamps (video presentation times, or
@@ -242,8 +263,14 @@ def measure(path, *, fps: Optional[float] = None, start: int = 0, end: int = 0, 
     progress(stage, done, total): stage is "decoding" or "analysing"; an
     exception it raises stops nothing but is raised again once the
     measurement returns.
-    Raises VyraError on bad input, ValueError for an unknown launch_time.
+    noise_tolerance: levels (0..255) by which an 8x8 block's mean colour may
+    move between frames without counting as a visual change.
+    progress_series: also return every frame's (index, time, progress).
+    Raises VyraError on bad input, ValueError for an unknown launch_time or a
+    noise_tolerance outside 0..255.
     """
+    if not 0 <= int(noise_tolerance) <= 255:
+        raise ValueError(f"noise_tolerance must lie in 0..255, not {noise_tolerance!r}")
     settings = _Settings()
     _lib.vyra_default_settings(ctypes.byref(settings))
     if fps is not None:
@@ -264,6 +291,37 @@ def measure(path, *, fps: Optional[float] = None, start: int = 0, end: int = 0, 
     settings.launch_time_mode = _choice(_LAUNCH_TIME, launch_time, "launch_time")
     if save_frames is not None:
         settings.save_frames_dir = os.fsencode(save_frames)
+    settings.noise_tolerance = int(noise_tolerance)
+    capacity = _SERIES_CAPACITY if progress_series else 0
+    while True:
+        values, times = _attach_series(settings, capacity)
+        result, error, status, raised = _run(path, settings, progress)
+        if raised or status != OK or result.frame_count <= capacity or not progress_series:
+            break
+        capacity = int(result.frame_count)  # a longer recording: once more with room for every frame
+    if raised:
+        raise raised[0]
+    if status != OK:
+        raise VyraError(status, _lib.vyra_status_string(status).decode(),
+                        error.value.decode(errors="replace"))
+    series = tuple((k, float(times[k]), float(values[k])) for k in range(int(result.frame_count))) \
+        if progress_series else ()
+    return _measurement(result, int(noise_tolerance), series)
+
+
+def _attach_series(settings, capacity):
+    """Buffers for `capacity` progress values and frame times, attached to settings."""
+    values = (ctypes.c_double * capacity)()
+    times = (ctypes.c_double * capacity)()
+    if capacity > 0:
+        settings.progress_out = ctypes.cast(values, ctypes.POINTER(ctypes.c_double))
+        settings.frame_times_out = ctypes.cast(times, ctypes.POINTER(ctypes.c_double))
+    settings.series_capacity = capacity
+    return values, times
+
+
+def _run(path, settings, progress):
+    """One vyra_measure() call: (result, error buffer, status, exceptions raised by progress)."""
     raised = []
     if progress is not None:
         def relay(_user, stage, done, total):
@@ -281,11 +339,10 @@ def measure(path, *, fps: Optional[float] = None, start: int = 0, end: int = 0, 
     error = ctypes.create_string_buffer(1024)
     status = _lib.vyra_measure(os.fsencode(path), ctypes.byref(settings), ctypes.byref(result),
                                error, ctypes.sizeof(error))
-    if raised:
-        raise raised[0]
-    if status != OK:
-        raise VyraError(status, _lib.vyra_status_string(status).decode(),
-                        error.value.decode(errors="replace"))
+    return result, error, status, raised
+
+
+def _measurement(result, noise_tolerance, series) -> Measurement:
     return Measurement(
         launch_time=float(result.launch_time),
         launch_time_mode=_name(_LAUNCH_TIME, result.launch_time_mode),
@@ -307,4 +364,12 @@ def measure(path, *, fps: Optional[float] = None, start: int = 0, end: int = 0, 
         object_count_length=int(result.object_count_length),
         first_non_blank_object_count=int(result.first_non_blank_object_count),
         feature_matching_count=int(result.feature_matching_count),
+        first_visual_change=_key(result.first_visual_change),
+        last_visual_change=_key(result.last_visual_change),
+        visually_complete_85=_key(result.visually_complete_85),
+        visually_complete_95=_key(result.visually_complete_95),
+        visually_complete_99=_key(result.visually_complete_99),
+        speed_index_ms=float(result.speed_index_ms),
+        noise_tolerance=noise_tolerance,
+        progress_series=series,
     )
