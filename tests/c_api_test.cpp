@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <cstddef>
 #include <cstring>
 #include <functional>
 #include <cstdio>
@@ -47,6 +48,12 @@ void expectNothing(const VyraResult& r) {
     EXPECT_EQ(r.motion_start.index, -1);
     EXPECT_EQ(r.loaded_psnr, -1.0);
     EXPECT_EQ(r.object_count_length, 0u);
+    for (const VyraKeyFrame* key : {&r.first_visual_change, &r.last_visual_change, &r.visually_complete_85,
+                                    &r.visually_complete_95, &r.visually_complete_99}) {
+        EXPECT_EQ(key->index, -1);
+        EXPECT_TRUE(std::isnan(key->time));
+    }
+    EXPECT_TRUE(std::isnan(r.speed_index_ms));
 }
 
 }  // namespace
@@ -69,6 +76,10 @@ TEST(CApi, DefaultSettingsAreTheDocumentedOnes) {
     EXPECT_EQ(s.save_frames_dir, nullptr);
     EXPECT_EQ(s.progress, nullptr);
     EXPECT_EQ(s.progress_user, nullptr);
+    EXPECT_EQ(s.noise_tolerance, 20);
+    EXPECT_EQ(s.progress_out, nullptr);
+    EXPECT_EQ(s.frame_times_out, nullptr);
+    EXPECT_EQ(s.series_capacity, 0u);
     vyra_default_settings(nullptr);  // does nothing
 }
 
@@ -123,6 +134,59 @@ TEST(CApi, MeasureFillsEveryField) {
     EXPECT_EQ(r.object_count_length, 7u);
     EXPECT_EQ(r.first_non_blank_object_count, 0u);
     EXPECT_EQ(r.feature_matching_count, 0u);
+    // White up to 0.2 s, the final page from frame 3 at 0.3 s.
+    for (const VyraKeyFrame* key : {&r.first_visual_change, &r.last_visual_change, &r.visually_complete_85,
+                                    &r.visually_complete_95, &r.visually_complete_99}) {
+        EXPECT_EQ(key->index, 3);
+        EXPECT_DOUBLE_EQ(key->time, 0.3);
+    }
+    EXPECT_DOUBLE_EQ(r.speed_index_ms, 300.0);
+}
+
+TEST(CApi, ProgressSeriesFillsOnlyTheCallersCapacity) {
+    TempDir dir;
+    const fs::path rec = writeLaunch(dir);
+    std::vector<double> progress(7, -5.0);
+    std::vector<double> times(7, -5.0);
+    VyraSettings s;
+    vyra_default_settings(&s);
+    s.progress_out = progress.data();
+    s.frame_times_out = times.data();
+    s.series_capacity = 5;  // two frames more than the buffers admit
+    VyraResult r = freshResult();
+    ASSERT_EQ(vyra_measure(rec.c_str(), &s, &r, nullptr, 0), VYRA_OK);
+    EXPECT_EQ(progress, (std::vector<double>{0.0, 0.0, 0.0, 1.0, 1.0, -5.0, -5.0}));
+    for (size_t k = 0; k < 5; ++k) EXPECT_DOUBLE_EQ(times[k], 0.1 * static_cast<double>(k)) << k;
+    EXPECT_EQ(times[5], -5.0);
+
+    s.progress_out = nullptr;  // one buffer alone is fine
+    s.series_capacity = 7;
+    ASSERT_EQ(vyra_measure(rec.c_str(), &s, &r, nullptr, 0), VYRA_OK);
+    EXPECT_DOUBLE_EQ(times[6], 0.6);
+}
+
+TEST(CApi, NoiseToleranceIsReadOnlyWhenTheCallerKnowsIt) {
+    TempDir dir;
+    std::vector<cv::Mat> frames;
+    std::vector<std::string> names;
+    for (int k = 0; k < 5; ++k) {
+        frames.push_back(withNoise(pageFrame(k >= 1), 6, 70u + static_cast<unsigned>(k)));
+        names.push_back("00" + std::to_string(k) + "00.png");
+    }
+    writePngFolder(dir / "rec", names, frames);
+    const fs::path rec = dir / "rec";
+    VyraSettings s;
+    vyra_default_settings(&s);
+    s.noise_tolerance = 0;
+    VyraResult r = freshResult();
+    ASSERT_EQ(vyra_measure(rec.c_str(), &s, &r, nullptr, 0), VYRA_OK);
+    EXPECT_EQ(r.last_visual_change.index, 4);  // every frame's noise counts
+
+    s.struct_size = offsetof(VyraSettings, noise_tolerance);  // a caller from before the field
+    r = freshResult();
+    ASSERT_EQ(vyra_measure(rec.c_str(), &s, &r, nullptr, 0), VYRA_OK);
+    EXPECT_EQ(r.last_visual_change.index, 1);  // the default 20 levels
+    EXPECT_DOUBLE_EQ(r.last_visual_change.time, 0.1);
 }
 
 TEST(CApi, SettingsReachTheMeasurement) {

@@ -31,6 +31,22 @@ def write_png(path, width, height, rgb):
         f.write(chunk(b"IEND", b""))
 
 
+def write_bands_png(path, width, bands):
+    """A PNG of horizontal bands, 8-bit RGB: bands is a list of (rows, rgb)."""
+    raw = b"".join((b"\x00" + bytes(rgb) * width) * rows for rows, rgb in bands)
+    height = sum(rows for rows, _ in bands)
+
+    def chunk(kind, data):
+        body = kind + data
+        return struct.pack(">I", len(data)) + body + struct.pack(">I", zlib.crc32(body) & 0xFFFFFFFF)
+
+    with open(path, "wb") as f:
+        f.write(b"\x89PNG\r\n\x1a\n")
+        f.write(chunk(b"IHDR", struct.pack(">IIBBBBB", width, height, 8, 2, 0, 0, 0)))
+        f.write(chunk(b"IDAT", zlib.compress(raw)))
+        f.write(chunk(b"IEND", b""))
+
+
 def render_sample(out, *args):
     """Runs `vyra sample OUT ARGS...` and returns its printed ground truth."""
     cli = os.environ.get("VYRA_CLI", "vyra")
@@ -119,6 +135,53 @@ class SampleRecordings(unittest.TestCase):
         c = vyra.measure(self.frames, crop=(0, 40, 180, 240), end=4, save_frames=out)
         self.assertEqual((c.frame_width, c.frame_height, c.frame_count), (180, 240, 5))
         self.assertEqual(sorted(os.listdir(out)), [f"{k:08d}.png" for k in range(5)])
+
+
+class VisualProgress(unittest.TestCase):
+    """A 90x160 page: white; then 150 grey rows over 10 white ones at 0.1 s;
+    then the last 10 rows turn orange at 2.1 s. The middle frame has covered
+    150 of the 160 changed rows: progress 0.9375."""
+
+    WHITE, GREY, ORANGE = (255, 255, 255), (60, 60, 60), (40, 120, 200)
+
+    def setUp(self):
+        self.dir = tempfile.mkdtemp(prefix="vyra-py-")
+        frames = [(0, [(160, self.WHITE)]),
+                  (100, [(150, self.GREY), (10, self.WHITE)]),
+                  (2100, [(150, self.GREY), (10, self.ORANGE)]),
+                  (2200, [(150, self.GREY), (10, self.ORANGE)])]
+        for ms, bands in frames:
+            write_bands_png(os.path.join(self.dir, f"{ms:06d}.png"), 90, bands)
+
+    def tearDown(self):
+        shutil.rmtree(self.dir, ignore_errors=True)
+
+    def test_measures_and_series(self):
+        m = vyra.measure(self.dir, progress_series=True)
+        self.assertEqual(m.first_visual_change, vyra.KeyFrame(1, 0.1))
+        self.assertEqual(m.last_visual_change, vyra.KeyFrame(2, 2.1))
+        self.assertEqual(m.visually_complete_85, vyra.KeyFrame(1, 0.1))
+        self.assertEqual(m.visually_complete_95, vyra.KeyFrame(2, 2.1))
+        self.assertEqual(m.visually_complete_99, vyra.KeyFrame(2, 2.1))
+        self.assertAlmostEqual(m.speed_index_ms, 100 + 2000 * 0.0625, places=9)
+        self.assertEqual(m.noise_tolerance, 20)
+        self.assertEqual(m.progress_series, ((0, 0.0, 0.0), (1, 0.1, 0.9375), (2, 2.1, 1.0), (3, 2.2, 1.0)))
+        self.assertEqual(vyra.measure(self.dir).progress_series, ())
+
+    def test_series_longer_than_the_first_buffers(self):
+        saved = vyra._SERIES_CAPACITY
+        vyra._SERIES_CAPACITY = 2
+        try:
+            m = vyra.measure(self.dir, progress_series=True, noise_tolerance=0)
+        finally:
+            vyra._SERIES_CAPACITY = saved
+        self.assertEqual([p for _, _, p in m.progress_series], [0.0, 0.9375, 1.0, 1.0])
+        self.assertEqual(m.noise_tolerance, 0)
+
+    def test_noise_tolerance_outside_its_range_is_refused(self):
+        for bad in (-1, 256):
+            with self.subTest(bad=bad), self.assertRaises(ValueError):
+                vyra.measure(self.dir, noise_tolerance=bad)
 
 
 class Errors(unittest.TestCase):
