@@ -30,7 +30,7 @@ std::string cliPath() {
 #endif
 }
 
-ProcessResult vyra(std::vector<std::string> args, const fs::path& cwd = {}, bool terminal = false) {
+ProcessResult runVyra(std::vector<std::string> args, const fs::path& cwd = {}, bool terminal = false) {
     args.insert(args.begin(), cliPath());
     return runProcess(args, cwd, terminal);
 }
@@ -59,7 +59,7 @@ Truth parseTruth(const std::string& out) {
 Truth makeSample(const std::vector<std::string>& args) {
     std::vector<std::string> full = {"sample"};
     full.insert(full.end(), args.begin(), args.end());
-    const ProcessResult run = vyra(full);
+    const ProcessResult run = runVyra(full);
     EXPECT_EQ(run.exitCode, 0) << run.err;
     const Truth truth = parseTruth(run.out);
     EXPECT_GT(truth.frames, 0) << run.out;
@@ -71,7 +71,7 @@ Json analyseJson(const std::vector<std::string>& args) {
     std::vector<std::string> full = {"analyse"};
     full.insert(full.end(), args.begin(), args.end());
     full.push_back("--json");
-    const ProcessResult run = vyra(full);
+    const ProcessResult run = runVyra(full);
     EXPECT_EQ(run.exitCode, 0) << run.err;
     EXPECT_EQ(run.err, "");
     return Json::parse(run.out);
@@ -117,14 +117,14 @@ void expectOneErrorLine(const ProcessResult& run, int exitCode, const std::strin
 // ---- help, version, usage ----
 
 TEST(Cli, VersionAndHelp) {
-    const ProcessResult version = vyra({"--version"});
+    const ProcessResult version = runVyra({"--version"});
     EXPECT_EQ(version.exitCode, 0);
     EXPECT_EQ(version.out, std::string("vyra ") + vyra_version() + "\n");
-    const ProcessResult help = vyra({"--help"});
+    const ProcessResult help = runVyra({"--help"});
     EXPECT_EQ(help.exitCode, 0);
     EXPECT_NE(help.out.find("analyse"), std::string::npos);
     EXPECT_NE(help.out.find("sample"), std::string::npos);
-    const ProcessResult analyseHelp = vyra({"analyse", "--help"});
+    const ProcessResult analyseHelp = runVyra({"analyse", "--help"});
     EXPECT_EQ(analyseHelp.exitCode, 0);
     for (const char* flag : {"--fps", "--timestamps", "--start", "--end", "--crop", "--ignore", "--dynamic",
                              "--stable-baseline", "--json", "--save-frames", "--launch-time", "--quiet"}) {
@@ -148,7 +148,7 @@ TEST(Cli, UsageErrorsExitWithTwo) {
         {"sample", (dir / "s.mkv").string(), "--size", "100"},
     };
     for (const std::vector<std::string>& args : cases) {
-        const ProcessResult run = vyra(args);
+        const ProcessResult run = runVyra(args);
         std::string joined;
         for (const std::string& a : args) joined += a + " ";
         EXPECT_EQ(run.exitCode, 2) << joined << run.err;
@@ -164,17 +164,17 @@ TEST(Cli, BadInputsGiveTheirExitStatusAndOneMessage) {
     std::ofstream(dir / "junk.mp4") << "no video in here";
     writePngFolder(dir / "named", {"a.png", "b.png"}, {solidFrame(180, 320), solidFrame(180, 320)});
 
-    expectOneErrorLine(vyra({"analyse", (dir / "missing.mp4").string()}), 3, "does not exist");
-    expectOneErrorLine(vyra({"analyse", (dir / "junk.mp4").string()}), 3, "junk.mp4");
-    expectOneErrorLine(vyra({"analyse", (dir / "empty").string()}), 3, "no PNG");
-    expectOneErrorLine(vyra({"analyse", rec, "--start", "10"}), 3, "selects no frame");
-    expectOneErrorLine(vyra({"analyse", (dir / "named").string()}), 3, "a.png");
-    expectOneErrorLine(vyra({"analyse", rec, "--fps", "0"}), 2, "frame rate");
-    expectOneErrorLine(vyra({"analyse", rec, "--crop", "100,300,100,100"}), 2, "does not lie inside");
-    expectOneErrorLine(vyra({"analyse", rec, "--ignore", "0,0,5,5", "--ignore", "170,0,20,5"}), 2,
+    expectOneErrorLine(runVyra({"analyse", (dir / "missing.mp4").string()}), 3, "does not exist");
+    expectOneErrorLine(runVyra({"analyse", (dir / "junk.mp4").string()}), 3, "junk.mp4");
+    expectOneErrorLine(runVyra({"analyse", (dir / "empty").string()}), 3, "no PNG");
+    expectOneErrorLine(runVyra({"analyse", rec, "--start", "10"}), 3, "selects no frame");
+    expectOneErrorLine(runVyra({"analyse", (dir / "named").string()}), 3, "a.png");
+    expectOneErrorLine(runVyra({"analyse", rec, "--fps", "0"}), 2, "frame rate");
+    expectOneErrorLine(runVyra({"analyse", rec, "--crop", "100,300,100,100"}), 2, "does not lie inside");
+    expectOneErrorLine(runVyra({"analyse", rec, "--ignore", "0,0,5,5", "--ignore", "170,0,20,5"}), 2,
                        "170,0,20,5");
     std::ofstream(dir / "file") << "x";
-    expectOneErrorLine(vyra({"analyse", rec, "--save-frames", (dir / "file" / "sub").string()}), 1, "sub");
+    expectOneErrorLine(runVyra({"analyse", rec, "--save-frames", (dir / "file" / "sub").string()}), 1, "sub");
 }
 
 // ---- output ----
@@ -182,7 +182,7 @@ TEST(Cli, BadInputsGiveTheirExitStatusAndOneMessage) {
 TEST(Cli, HumanSummaryListsLaunchTimeAndKeyFrames) {
     TempDir dir;
     const std::string rec = writeLaunchFolder(dir).string();
-    const ProcessResult run = vyra({"analyse", rec});
+    const ProcessResult run = runVyra({"analyse", rec});
     EXPECT_EQ(run.exitCode, 0) << run.err;
     EXPECT_EQ(run.err, "");
     EXPECT_EQ(run.out,
@@ -196,7 +196,7 @@ TEST(Cli, HumanSummaryListsLaunchTimeAndKeyFrames) {
               "motion start          -          -\n"
               "frames: 10 (180x320), timing: timestamps, launch time at: load-finished frame\n");
 
-    const ProcessResult next = vyra({"analyse", rec, "--fps", "20", "--launch-time", "next-frame", "--start", "1"});
+    const ProcessResult next = runVyra({"analyse", rec, "--fps", "20", "--launch-time", "next-frame", "--start", "1"});
     EXPECT_EQ(next.exitCode, 0) << next.err;
     const std::vector<std::string> lines = splitLines(next.out);
     ASSERT_EQ(lines.size(), 9u);
@@ -209,7 +209,7 @@ TEST(Cli, NothingFoundIsSuccessWithNullLaunchTime) {
     TempDir dir;
     writePngFolder(dir / "rec", {"0100.png", "0200.png", "0300.png"},
                    {solidFrame(180, 320), solidFrame(180, 320), solidFrame(180, 320)});
-    const ProcessResult human = vyra({"analyse", (dir / "rec").string()});
+    const ProcessResult human = runVyra({"analyse", (dir / "rec").string()});
     EXPECT_EQ(human.exitCode, 0);
     EXPECT_EQ(splitLines(human.out).at(0), "launch time: not found");
     const Json json = analyseJson({(dir / "rec").string()});
@@ -293,9 +293,9 @@ TEST(Cli, WritesNothingUnlessAskedToSaveFrames) {
     TempDir dir;
     TempDir cwd;
     const std::string rec = writeLaunchFolder(dir).string();
-    EXPECT_EQ(vyra({"analyse", rec}, cwd.path()).exitCode, 0);
+    EXPECT_EQ(runVyra({"analyse", rec}, cwd.path()).exitCode, 0);
     EXPECT_TRUE(fs::is_empty(cwd.path()));
-    EXPECT_EQ(vyra({"analyse", rec, "--save-frames", "seen", "--start", "6"}, cwd.path()).exitCode, 0);
+    EXPECT_EQ(runVyra({"analyse", rec, "--save-frames", "seen", "--start", "6"}, cwd.path()).exitCode, 0);
     EXPECT_EQ(pngNames(cwd.path() / "seen"),
               (std::vector<std::string>{"00000000.png", "00000001.png", "00000002.png", "00000003.png"}));
 }
@@ -303,15 +303,15 @@ TEST(Cli, WritesNothingUnlessAskedToSaveFrames) {
 TEST(Cli, ProgressBarOnlyOnATerminalAndNotWhenQuiet) {
     TempDir dir;
     const std::string rec = writeLaunchFolder(dir).string();
-    const ProcessResult piped = vyra({"analyse", rec});
+    const ProcessResult piped = runVyra({"analyse", rec});
     EXPECT_EQ(piped.err, "");
-    const ProcessResult terminal = vyra({"analyse", rec}, {}, true);
+    const ProcessResult terminal = runVyra({"analyse", rec}, {}, true);
     EXPECT_EQ(terminal.exitCode, 0);
     EXPECT_NE(terminal.err.find("decoding"), std::string::npos) << terminal.err;
     EXPECT_NE(terminal.err.find("10/10"), std::string::npos) << terminal.err;
     EXPECT_NE(terminal.err.find("analysing"), std::string::npos) << terminal.err;
     EXPECT_EQ(terminal.out, piped.out);
-    const ProcessResult quiet = vyra({"analyse", rec, "--quiet"}, {}, true);
+    const ProcessResult quiet = runVyra({"analyse", rec, "--quiet"}, {}, true);
     EXPECT_EQ(quiet.exitCode, 0);
     EXPECT_EQ(quiet.err, "");
     EXPECT_EQ(quiet.out, piped.out);
@@ -340,7 +340,7 @@ TEST(CliSample, VideoSampleHumanAndJsonOutput) {
     const Truth truth = makeSample({video, "--seconds", "3", "--fps", "20", "--size", "180x320", "--seed", "4"});
     EXPECT_EQ(truth.frames, 60);
 
-    const ProcessResult human = vyra({"analyse", video});
+    const ProcessResult human = runVyra({"analyse", video});
     ASSERT_EQ(human.exitCode, 0) << human.err;
     int index = -1;
     char time[32] = "";
