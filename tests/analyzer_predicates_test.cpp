@@ -2,6 +2,7 @@
 // blank/non-blank, content level, and the object-position tests.
 #include <cmath>
 #include <limits>
+#include <ostream>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -200,6 +201,12 @@ struct LevelCase {
     double ratioThreshold;
     int level;
 };
+
+// Readable (and stable) test names: n, r, N, Q -> level.
+void PrintTo(const LevelCase& c, std::ostream* out) {
+    *out << "n" << c.objects << "_r" << c.ratio << "_N" << c.countThreshold << "_Q"
+         << c.ratioThreshold << "_level" << c.level;
+}
 
 class AnalyzerContentLevel : public ::testing::TestWithParam<LevelCase> {};
 
