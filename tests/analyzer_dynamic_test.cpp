@@ -85,6 +85,8 @@ TEST(AnalyzerMotion, ConsistentShareOfAllMatchesMustExceedThirtyPercent) {
     // every level match is consistent.
     EXPECT_EQ(Analyzer::AnalyzeMotion(levelInfo(30, 30, 3, 10)), cv::Vec4i(30, 30, 3, 0));
     EXPECT_EQ(Analyzer::AnalyzeMotion(levelInfo(30, 30, 4, 10)), cv::Vec4i(30, 30, 4, 1));
+    EXPECT_EQ(Analyzer::AnalyzeMotion(levelInfo(100, 100, 31, 100)), cv::Vec4i(100, 100, 31, 1));
+    EXPECT_EQ(Analyzer::AnalyzeMotion(levelInfo(100, 100, 30, 100)), cv::Vec4i(100, 100, 30, 0));
 }
 
 TEST(AnalyzerMotion, NoMatchesIsNeverMoving) {
@@ -177,6 +179,17 @@ TEST_F(DynamicWalk, ConsistencyLimitIsFivePercentOfTheSmallerCount) {
     expectDynamic(r, 4, 0, 4, 2);
     expectEntries(r, {{0, 18, 20, 0, false}, {1, 100, 104, 95, true},
                       {2, 100, 104, 94, true}});
+}
+
+TEST_F(DynamicWalk, ConsistencyIsOnlyTestedAboveTwentyKeypoints) {
+    std::vector<std::pair<int, FeaturesMatchingInfo>> pairs;
+    pairs.emplace_back(0, levelInfo(20, 24, 0, 0));          // smaller count 20: unchanged
+    pairs.emplace_back(1, levelInfo(1000, 1000, 950, 1000)); // 50 / 1000 = 0.05: unchanged
+    pairs.emplace_back(2, levelInfo(1000, 1000, 949, 1000)); // 0.051: changed, moving
+    const AnalysisResult r = walk({true, true, true, true}, std::move(pairs));
+    expectDynamic(r, 4, 0, 4, 2);
+    expectEntries(r, {{0, 20, 24, 0, false}, {1, 1000, 1000, 950, true},
+                      {2, 1000, 1000, 949, true}});
 }
 
 TEST_F(DynamicWalk, KeypointCountsMayDifferByFive) {

@@ -84,6 +84,11 @@ TEST(AnalyzerEntry, TwoStaticCallsOnTheSameFramesAreEqual) {
     EXPECT_EQ(::testing::internal::GetCapturedStdout(), warning + warning);
     EXPECT_EQ(first.staticResult.baselineIndex, 9);
     EXPECT_EQ(first.loadFinishedIndex, 4);
+    // Objects are detected on the turned-back frame, which is the skeleton again.
+    EXPECT_EQ(first.staticResult.objectCounts[3],
+              Image::DetectObjects(vyra_test::makeHalfLoadedFrame()).size());
+    EXPECT_EQ(first.staticResult.logoDisappearIndex, 3);
+    EXPECT_EQ(first.staticResult.firstFrameIndex, 3);
     vyra_test::expectSameResult(first, second);
     EXPECT_EQ(frames[3].cols, 180);
 }

@@ -2,6 +2,7 @@
 // blank/non-blank, content level, and the object-position tests.
 #include <cmath>
 #include <limits>
+#include <memory>
 #include <ostream>
 #include <vector>
 
@@ -128,6 +129,20 @@ TEST(AnalyzerCombinedSimilarity, PsnrAloneSuffices) {
     EXPECT_FALSE(analyzerWithPsnr(std::nextafter(psnr, kInf)).IsImagesSimilar(sets, 0, 1));
 }
 
+TEST(AnalyzerCombinedSimilarity, LaterTestsAreNotComputedOnceOneHolds) {
+    // Identical uniform frames: PSNR decides. Objects and feature matches are
+    // left alone, as shown by drawing on the frames afterwards: detection and
+    // matching then see the drawing.
+    std::vector<cv::Mat> frames{greyMat(120, 90, 200), greyMat(120, 90, 200)};
+    ImageSets sets(frames);
+    EXPECT_TRUE(analyzerWithPsnr(20.0).IsImagesSimilar(sets, 0, 1));
+    const cv::Mat texture = vyra_test::makeClutteredFrame(120, 90, 21);
+    texture.copyTo(sets[0].img());
+    texture.copyTo(sets[1].img());
+    EXPECT_GT(sets[0].GetImageObjectsSize(), 0);
+    EXPECT_FALSE(std::get<0>(sets.GetImagesFeaturesMatchingInfo(0, 1, true)).empty());
+}
+
 TEST(AnalyzerCombinedSimilarity, OverlapUsesTheSimilarOverlapRatio) {
     // PSNR of black against white is 0 dB; uniform frames have no keypoints.
     std::vector<Image> images = overlapPair100And200();
@@ -190,6 +205,25 @@ TEST(AnalyzerNonBlank, DetectedFramesBlankScreenAndLoadedPage) {
     ImageSets sets(frames);
     EXPECT_FALSE(analyzer.IsNonBlankImage(sets, 0));
     EXPECT_TRUE(analyzer.IsNonBlankImage(sets, 1));
+}
+
+TEST(AnalyzerNonBlank, RatioIsEvaluatedEvenWhenTheCountFails) {
+    // Five handed-over boxes, ratio unknown: the count needs no pixels, the
+    // ratio does (it divides by the pixel count), so the loader runs once.
+    auto loads = std::make_shared<int>(0);
+    std::vector<Rect> boxes = boxesOnRow(5, 0);
+    std::vector<Image> images;
+    images.emplace_back(
+        [loads]() {
+            ++*loads;
+            return greyMat(40, 30, 50);
+        },
+        boxes, 40, 30, -1.0, 0);
+    ImageSets sets(images);
+    const Analyzer analyzer(20.0, 0.5, 0.85, 0.15, 200);
+    EXPECT_FALSE(analyzer.IsNonBlankImage(sets, 0));
+    EXPECT_EQ(*loads, 1);
+    EXPECT_DOUBLE_EQ(sets[0].GetContentRatio(), 5.0 / 1200.0);
 }
 
 // ----------------------------------------------------------- content level
@@ -306,6 +340,26 @@ TEST(AnalyzerLogoAndFirstFrame, SevenOfTenInsideIsNeither) {
 TEST(AnalyzerLogoAndFirstFrame, SixOfTenInsideIsAFirstFrameNotALogo) {
     EXPECT_FALSE(Analyzer::IsLogoImage(tenBoxes(6), kCentre));
     EXPECT_TRUE(Analyzer::IsValidFirstFrameImage(tenBoxes(6), kCentre));  // 4 > 3.0
+}
+
+// @p total small boxes, @p outside of them beyond (0, 0, 100, 100).
+std::vector<Rect> boxesWithOutside(int total, int outside) {
+    std::vector<Rect> boxes;
+    for (int k = 0; k < total; ++k) {
+        const int x = k < outside ? 200 + k : k % 90;
+        boxes.emplace_back(x, k % 90, x, k % 90);
+    }
+    return boxes;
+}
+
+TEST(AnalyzerLogoAndFirstFrame, FirstFrameNeedsStrictlyMoreThanThirtyPercentOutside) {
+    EXPECT_TRUE(Analyzer::IsValidFirstFrameImage(boxesWithOutside(100, 31), kCentre));
+    EXPECT_FALSE(Analyzer::IsValidFirstFrameImage(boxesWithOutside(100, 30), kCentre));
+}
+
+TEST(AnalyzerLogoAndFirstFrame, LogoNeedsEightyPercentInside) {
+    EXPECT_TRUE(Analyzer::IsLogoImage(boxesWithOutside(100, 20), kCentre));
+    EXPECT_FALSE(Analyzer::IsLogoImage(boxesWithOutside(100, 21), kCentre));
 }
 
 TEST(AnalyzerLogoAndFirstFrame, NoBoxesIsNeither) {

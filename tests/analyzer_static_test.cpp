@@ -2,6 +2,7 @@
 // answers are known by construction, plus the baseline search, the alignment
 // of frames to the baseline and the release of pixels.
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -191,6 +192,47 @@ TEST(AnalyzerStaticPage, LogoRunReachingTheLimitLeavesDisappearUnsetAndSearchesF
     expectIndices(r, 2, -1, 1, -1, 0);
 }
 
+TEST(AnalyzerStaticPage, LogoSearchEndsAtLoadFinishedImageZero) {
+    // lf = 0 limits the logo search to image 0 (not a logo); the logo at 1 lies
+    // beyond the limit, and the first-frame search starts at 0.
+    std::vector<cv::Mat> frames{makeLoadedFrame(), makeLogoFrame(), makeLoadedFrame()};
+    const AnalysisResult r = analyzeStatic(frames);
+    expectIndices(r, 2, 0, -1, -1, 0);
+}
+
+TEST(AnalyzerStaticPage, LogoSearchIncludesTheLoadFinishedImage) {
+    // 0 blank, 1 logo, 2-3 loaded: lf = 2 is the limit and is examined.
+    std::vector<cv::Mat> frames{makeBlankFrame(), makeLogoFrame(), makeLoadedFrame(),
+                                makeLoadedFrame()};
+    const AnalysisResult r = analyzeStatic(frames);
+    expectIndices(r, 3, 2, 1, 2, 2);
+}
+
+// (logoAppearIndex, firstFrameIndex) of the analysis of a 200x100 image
+// carrying only @p box, followed by a blank baseline of the same size. A box
+// inside the central area (40, 25, 160, 75) makes image 0 a logo image, so the
+// first-frame search starts at the blank baseline and finds nothing: (0, -1).
+// A box outside it makes image 0 a valid first frame: (-1, 0).
+std::pair<int, int> centralAreaVerdict(const vyra::Rect& box) {
+    std::vector<Image> images{vyra_test::craftedImage(greyMat(200, 100, 90), {box}, 0.5, 0),
+                              vyra_test::craftedImage(greyMat(200, 100, 90), {}, -1.0, 1)};
+    ImageSets sets(images);
+    std::string output;
+    const AnalysisResult r = analyzeStatic(sets, false, output);
+    EXPECT_EQ(r.staticResult.baselineIndex, 1);
+    return {r.staticResult.logoAppearIndex, r.staticResult.firstFrameIndex};
+}
+
+TEST(AnalyzerStaticPage, CentralAreaIsTwentyToEightyPercentWideAndQuarterToThreeQuartersHigh) {
+    const std::pair<int, int> inside(0, -1);
+    const std::pair<int, int> outside(-1, 0);
+    EXPECT_EQ(centralAreaVerdict(vyra::Rect(40, 25, 160, 75)), inside);
+    EXPECT_EQ(centralAreaVerdict(vyra::Rect(39, 25, 160, 75)), outside);
+    EXPECT_EQ(centralAreaVerdict(vyra::Rect(40, 24, 160, 75)), outside);
+    EXPECT_EQ(centralAreaVerdict(vyra::Rect(40, 25, 161, 75)), outside);
+    EXPECT_EQ(centralAreaVerdict(vyra::Rect(40, 25, 160, 76)), outside);
+}
+
 TEST(AnalyzerStaticPage, EmptyAndAllEmptySets) {
     std::vector<cv::Mat> none;
     AnalysisResult r = analyzeStatic(none);
@@ -280,6 +322,30 @@ TEST(AnalyzerAlignment, FramesStillDifferingAfterTurningAreResizedLinearly) {
     expectPixels(sets[2], expected2);  // a square frame counts as portrait
 }
 
+TEST(AnalyzerAlignment, FramesDifferingInOneDimensionAreResized) {
+    const cv::Mat lower = makeClutteredFrame(320, 90, 18);
+    const cv::Mat narrower = makeClutteredFrame(200, 180, 19);
+    const cv::Size target(320, 180);
+    const cv::Mat expected0 = resized(lower, target);
+    const cv::Mat expected1 = resized(narrower, target);
+    std::vector<cv::Mat> frames{lower.clone(), narrower.clone(), makeLoadedFrame()};
+    ImageSets sets(frames);
+    EXPECT_EQ(alignAndCapture(sets, 2),
+              warning(0, 320, 90, 2, 320, 180) + warning(1, 200, 180, 2, 320, 180));
+    expectPixels(sets[0], expected0);
+    expectPixels(sets[1], expected1);
+}
+
+TEST(AnalyzerAlignment, BaselineZeroAlignsTheImagesAfterIt) {
+    const cv::Mat page = makeClutteredFrame(320, 180, 20);
+    std::vector<cv::Mat> frames{makeLoadedFrame(), rotated(page, cv::ROTATE_90_CLOCKWISE),
+                                makeClutteredFrame(180, 320, 21)};
+    ImageSets sets(frames);
+    EXPECT_EQ(alignAndCapture(sets, 0), warning(1, 180, 320, 0, 320, 180));
+    expectPixels(sets[1], page);
+    EXPECT_EQ(sets[2].width(), 180);  // the last image is not examined
+}
+
 TEST(AnalyzerAlignment, SquareBaselineCountsAsPortrait) {
     const cv::Mat landscape = makeClutteredFrame(200, 100, 10);
     const cv::Mat portrait = makeClutteredFrame(100, 200, 11);
@@ -350,6 +416,15 @@ TEST(AnalyzerBaseline, LastNonEmptyImageWithoutTheStableSearch) {
                                 cv::Mat()};
     ImageSets sets(frames);
     EXPECT_EQ(kDriverAnalyzer.FindBaselineImage(sets, false), 2);
+}
+
+TEST(AnalyzerBaseline, LastNonEmptySearchReadsSizesOnly) {
+    // Loader images with known sizes: the search needs no pixels.
+    vyra_test::CountingImages counting =
+        vyra_test::countingImages({makeLoadedFrame(), makeLogoFrame(), cv::Mat()});
+    ImageSets sets(counting.images);
+    EXPECT_EQ(kDriverAnalyzer.FindBaselineImage(sets, false), 1);
+    EXPECT_EQ(*counting.loads, (std::vector<int>{0, 0, 0}));
 }
 
 TEST(AnalyzerBaseline, NoNonEmptyImageGivesMinusOne) {
@@ -548,13 +623,14 @@ TEST(AnalyzerStaticPage, ImagesAfterTheBaselineGiveUpTheirPixels) {
     vyra_test::CountingImages counting = vyra_test::countingImages(
         {makeLoadedFrame(), makeLoadedFrame(), makeHalfLoadedFrame(), makeLogoFrame()});
     ImageSets sets(counting.images);
+    ASSERT_EQ(reloadAll(sets, counting), (std::vector<int>{1, 1, 1, 1}));
     std::string output;
     const AnalysisResult r = analyzeStatic(sets, true, output);
     ASSERT_EQ(r.staticResult.baselineIndex, 1);
     EXPECT_EQ(r.loadFinishedIndex, 0);
-    // Image 2 was loaded by the walk and released; image 3 was never needed.
-    EXPECT_EQ(*counting.loads, (std::vector<int>{1, 1, 1, 0}));
-    EXPECT_EQ(reloadAll(sets, counting), (std::vector<int>{1, 1, 2, 1}));
+    EXPECT_EQ(*counting.loads, (std::vector<int>{1, 1, 1, 1}));
+    // Images 2 and 3 were released: the next request loads them again.
+    EXPECT_EQ(reloadAll(sets, counting), (std::vector<int>{1, 1, 2, 2}));
 }
 
 }  // namespace
