@@ -563,6 +563,24 @@ TEST(AnalyzerStaticPage, StableBaselineFeedsTheWholeAnalysis) {
     EXPECT_EQ(r.staticResult.preLoadedPsnr, -1.0);
 }
 
+TEST(AnalyzerStaticPage, FirstFrameSearchRunsPastTheBaseline) {
+    // 100x100 uniform frames, one box each (central area 20..80 x 25..75);
+    // one box makes an image non-blank here. 0 and 1 are identical with a
+    // centred box (logo images); 2 has another centred box, 3 a box in the
+    // corner. Stable search: (0, 1) alike, (1, 2) not -> baseline 1, lf 0.
+    std::vector<Image> images{
+        vyra_test::craftedImage(greyMat(100, 100, 100), {vyra::Rect(40, 40, 50, 50)}, 0.5, 0),
+        vyra_test::craftedImage(greyMat(100, 100, 100), {vyra::Rect(40, 40, 50, 50)}, 0.5, 1),
+        vyra_test::craftedImage(greyMat(100, 100, 180), {vyra::Rect(30, 30, 35, 35)}, 0.5, 2),
+        vyra_test::craftedImage(greyMat(100, 100, 20), {vyra::Rect(0, 0, 5, 5)}, 0.5, 3)};
+    ImageSets sets(images);
+    std::string output;
+    const AnalysisResult r = analyzeStatic(sets, true, output, Analyzer(20.0, 0.5, 0.85, 0.0, 1));
+    // The logo run reaches the limit 0; the first valid first frame is 3.
+    expectIndices(r, 1, 0, 0, -1, 3);
+    EXPECT_EQ(r.staticResult.objectCounts, (std::vector<size_t>{1, 1, 0, 0}));
+}
+
 // ------------------------------------------------------ release of pixels
 
 std::vector<cv::Mat> smallFrames(int count) {
