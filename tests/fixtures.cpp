@@ -282,3 +282,133 @@ std::vector<cv::Mat> readVideoFrames(const fs::path& file) {
 }
 
 }  // namespace vyra_test
+
+// ---- product face: processes, ffmpeg-made videos, status-bar frames ----
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/wait.h>
+
+#include <cerrno>
+#include <cstring>
+
+namespace vyra_test {
+
+namespace {
+
+// Reads everything from the given descriptors until each reports end of
+// input (or EIO, which a pseudo-terminal master returns once the child is gone).
+void drain(int outFd, int errFd, std::string& out, std::string& err) {
+    struct pollfd fds[2] = {{outFd, POLLIN, 0}, {errFd, POLLIN, 0}};
+    std::string* sinks[2] = {&out, &err};
+    int open = 2;
+    char buffer[4096];
+    while (open > 0) {
+        if (poll(fds, 2, -1) < 0) {
+            if (errno == EINTR) continue;
+            break;
+        }
+        for (int k = 0; k < 2; ++k) {
+            if (fds[k].fd < 0 || fds[k].revents == 0) continue;
+            const ssize_t n = read(fds[k].fd, buffer, sizeof buffer);
+            if (n > 0) {
+                sinks[k]->append(buffer, static_cast<size_t>(n));
+            } else if (n == 0 || errno != EINTR) {
+                close(fds[k].fd);
+                fds[k].fd = -1;
+                --open;
+            }
+        }
+    }
+}
+
+}  // namespace
+
+ProcessResult runProcess(const std::vector<std::string>& argv, const fs::path& cwd, bool stderrTerminal) {
+    int outPipe[2];
+    if (pipe(outPipe) != 0) throw std::runtime_error("pipe failed");
+    int errRead = -1;
+    int errWrite = -1;
+    if (stderrTerminal) {
+        errRead = posix_openpt(O_RDWR | O_NOCTTY);
+        if (errRead < 0 || grantpt(errRead) != 0 || unlockpt(errRead) != 0) {
+            throw std::runtime_error("no pseudo-terminal");
+        }
+        errWrite = open(ptsname(errRead), O_RDWR | O_NOCTTY);
+    } else {
+        int errPipe[2];
+        if (pipe(errPipe) != 0) throw std::runtime_error("pipe failed");
+        errRead = errPipe[0];
+        errWrite = errPipe[1];
+    }
+    std::vector<char*> args;
+    for (const std::string& a : argv) args.push_back(const_cast<char*>(a.c_str()));
+    args.push_back(nullptr);
+    const pid_t pid = fork();
+    if (pid < 0) throw std::runtime_error("fork failed");
+    if (pid == 0) {
+        const int devNull = open("/dev/null", O_RDONLY);
+        dup2(devNull, 0);
+        dup2(outPipe[1], 1);
+        dup2(errWrite, 2);
+        close(outPipe[0]);
+        close(errRead);
+        if (!cwd.empty() && chdir(cwd.c_str()) != 0) _exit(126);
+        execvp(args[0], args.data());
+        _exit(127);
+    }
+    close(outPipe[1]);
+    close(errWrite);
+    ProcessResult result;
+    drain(outPipe[0], errRead, result.out, result.err);
+    int status = 0;
+    while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+    }
+    result.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    return result;
+}
+
+bool haveFfmpeg() {
+    return runProcess({"ffmpeg", "-hide_banner", "-version"}).exitCode == 0;
+}
+
+bool writeVfrVideo(const fs::path& file, const std::vector<cv::Mat>& frames,
+                   const std::vector<int>& durationsMs, const std::vector<std::string>& codecArgs,
+                   std::string* log) {
+    if (frames.empty() || frames.size() != durationsMs.size()) return false;
+    const fs::path dir = file.parent_path() / (file.filename().string() + ".frames");
+    fs::create_directories(dir);
+    std::ofstream list(dir / "list.ffconcat");
+    list << "ffconcat version 1.0\n";
+    for (size_t k = 0; k < frames.size(); ++k) {
+        const std::string name = "f" + std::to_string(k) + ".png";
+        cv::imwrite((dir / name).string(), frames[k]);
+        list << "file '" << name << "'\noption framerate 1000\nduration "
+             << durationsMs[k] / 1000.0 << "\n";
+    }
+    // The last entry is repeated so that its duration is honoured.
+    list << "file 'f" << frames.size() - 1 << ".png'\noption framerate 1000\n";
+    list.close();
+    std::vector<std::string> argv = {"ffmpeg", "-nostdin", "-hide_banner", "-loglevel", "error", "-y",
+                                     "-f", "concat", "-safe", "0", "-i", (dir / "list.ffconcat").string(),
+                                     "-frames:v", std::to_string(frames.size()), "-fps_mode", "vfr"};
+    argv.insert(argv.end(), codecArgs.begin(), codecArgs.end());
+    argv.push_back(file.string());
+    const ProcessResult run = runProcess(argv);
+    std::error_code ignored;
+    fs::remove_all(dir, ignored);
+    if (log != nullptr) *log = run.err;
+    return run.exitCode == 0 && fs::exists(file);
+}
+
+cv::Mat statusBarFrame(int width, int height, unsigned seed, int barHeight, cv::Scalar barColour,
+                       const std::string& clock) {
+    cv::Mat frame = texturedFrame(width, height, seed);
+    cv::rectangle(frame, cv::Rect(0, 0, width, barHeight), barColour, cv::FILLED);
+    if (!clock.empty()) {
+        cv::putText(frame, clock, cv::Point(8, barHeight - 6), cv::FONT_HERSHEY_SIMPLEX, 0.5,
+                    cv::Scalar(255, 255, 255), 1, cv::LINE_8);
+    }
+    return frame;
+}
+
+}  // namespace vyra_test

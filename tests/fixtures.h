@@ -161,4 +161,42 @@ std::vector<cv::Mat> readVideoFrames(const fs::path& file);
 
 }  // namespace vyra_test
 
+
+
+// ---- product face: processes, ffmpeg-made videos, status-bar frames ----
+namespace vyra_test {
+
+// Output of a finished child process.
+struct ProcessResult {
+    int exitCode = -1;  // exit status, or 128 + signal number
+    std::string out;
+    std::string err;
+};
+
+// Runs argv[0] (searched in PATH when it has no slash) with its arguments in
+// @p cwd (empty: the current directory). With @p stderrTerminal the child's
+// standard error is a pseudo-terminal (so isatty(2) holds). Standard input is
+// /dev/null.
+ProcessResult runProcess(const std::vector<std::string>& argv, const fs::path& cwd = {},
+                         bool stderrTerminal = false);
+
+// True when an ffmpeg executable can be run.
+bool haveFfmpeg();
+
+// Writes a variable-frame-rate video with ffmpeg: frames[k] is shown for
+// durationsMs[k] milliseconds, so frame k's presentation timestamp is the sum
+// of durationsMs[0..k-1] (exact: the input time base is 1 ms). The codec
+// arguments follow the input, for example {"-c:v", "ffv1"}. Returns false when
+// ffmpeg fails; @p log receives its standard error.
+bool writeVfrVideo(const fs::path& file, const std::vector<cv::Mat>& frames,
+                   const std::vector<int>& durationsMs, const std::vector<std::string>& codecArgs,
+                   std::string* log = nullptr);
+
+// A textured page (texturedFrame(width, height, seed)) under a flat status bar
+// of @p barHeight rows in @p barColour, with @p clock drawn in white inside
+// the bar at (8, barHeight - 6) (nothing drawn for an empty text).
+cv::Mat statusBarFrame(int width, int height, unsigned seed, int barHeight, cv::Scalar barColour,
+                       const std::string& clock);
+
+}  // namespace vyra_test
 #endif  // VYRA_TESTS_FIXTURES_H

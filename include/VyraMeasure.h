@@ -1,0 +1,202 @@
+/*
+ * libvyra - the quiet measurement API.
+ *
+ * vyra::Measure() opens a recording, runs one analysis over the frames of a
+ * chosen range and returns every finding together with the launch time and
+ * the time of each key frame. Unlike the historic entry analyse() it prints
+ * nothing, writes no file unless MeasureOptions::saveFramesDir asks for it,
+ * and reports bad input by throwing vyra::MeasureError.
+ *
+ * Recording:
+ *   - a folder: its PNG files (entries whose name does not begin with a dot
+ *     and whose text after the last dot is exactly "png"), sorted byte-wise
+ *     ascending by name (10.png before 9.png: zero-pad numbers);
+ *   - any other existing path is opened as a video with OpenCV's FFmpeg
+ *     back end, whatever its extension.
+ *
+ * Quiet: the library itself never writes to standard output or error. FFmpeg
+ * (inside OpenCV) logs its own errors about damaged video files to standard
+ * error; a host that wants silence sets the environment variable
+ * OPENCV_FFMPEG_LOGLEVEL to -8 before it opens its first video (the vyra tool
+ * does so unless the variable is set already).
+ *
+ * Range (the same rules for folders and videos): first = max(start, 0);
+ * last = end when end > 1, else the recording's last frame (so end 0 and 1
+ * both mean "to the end"); a last beyond the recording is cut to it. Frame
+ * index k of the result is the range's k-th frame.
+ *
+ * Timing (Timing::Timestamps, the default):
+ *   - video: each frame's presentation timestamp, read with
+ *     CAP_PROP_POS_MSEC after the frame is decoded; phone screen recorders
+ *     write variable-frame-rate video, which index / fps would mistime.
+ *     OpenCV's FFmpeg back end loses the timestamp of frames that leave the
+ *     decoder only when it is drained at the end of the stream (the last one
+ *     or two frames of streams with reordered B-frames): it reports a time
+ *     that does not exceed the previous frame's. Such a frame is timed at the
+ *     previous frame's time plus the mean frame interval of the timestamped
+ *     frames decoded so far (1000 / the stream's nominal fps while fewer than
+ *     two are known) and counted in MeasureResult::estimatedTimeCount.
+ *   - folder: the number each file name starts with (the text before the
+ *     last dot read like strtol: leading white space, a sign, digits), in
+ *     milliseconds; a name without a number, or a number not above the
+ *     previous one, throws VYRA_ERROR_NO_TIMESTAMPS.
+ * Timing::FrameRate: frame k is at k / fps seconds; fps must be above 0.
+ *
+ * Every time in the result is in seconds from the range's first frame.
+ *
+ * Frame preparation, in this order, on every frame as it is decoded:
+ *   1. ignore regions are painted in one flat colour each. The colour of a
+ *      region is the per-channel median of the ring of pixels just outside it
+ *      (clipped to the frame; the region's own outermost pixels when it
+ *      covers the whole frame), taken from the range's FIRST frame and then
+ *      used on every frame. So a changing status-bar clock neither adds
+ *      objects nor lowers the PSNR between frames, and over a uniform bar the
+ *      painted block draws no edge against its surroundings.
+ *   2. the crop rectangle is cut out; only it is analysed.
+ * Both are given in pixels of the decoded frames and must lie wholly inside
+ * every frame. After the last frame, frames whose size differs from the last
+ * frame's are brought to it as the analysis would (transposed and flipped
+ * when the orientation differs, then resized linearly), silently.
+ *
+ * Launch time (seconds from the range's first frame; NaN when the analysis
+ * found no load-finished frame, which is a result and not an error):
+ *   - LaunchTimeMode::LoadFinishedFrame (default): the time of the
+ *     load-finished frame itself;
+ *   - LaunchTimeMode::NextFrame: the historic definition of analyse(): the
+ *     time of frame loadFinishedIndex + 1. With frame-rate timing that is
+ *     (loadFinishedIndex + 1) / fps, also when no such frame exists. With
+ *     timestamps it is that frame's time; when it lies past the range the
+ *     recording's next frame is used (the next PNG name, or the next decoded
+ *     video frame); when the recording has no next frame its time reads as
+ *     0 (absolute), as in analyse(), giving -(absolute time of the range's
+ *     first frame) / 1000, which is 0 for recordings that start at 0.
+ *
+ * Frame intake lives in one place inside the library (a frame source per
+ * kind of recording producing timed frames); the frames of the range are
+ * held in memory at their decoded size for the analysis.
+ */
+#ifndef VYRA_MEASURE_H
+#define VYRA_MEASURE_H
+
+#include <cstddef>
+#include <functional>
+#include <limits>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "VyraAnalysisResults.h"
+#include "VyraExport.h"
+#include "vyra.h"
+
+namespace vyra {
+
+/** How frame positions become times (see the file comment). */
+enum class Timing { Timestamps, FrameRate };
+
+/** Which frame the launch time is read at (see the file comment). */
+enum class LaunchTimeMode { LoadFinishedFrame, NextFrame };
+
+/** Stage reported to MeasureOptions::progress. */
+enum class MeasureStage { Decoding, Analysing };
+
+/** A rectangle of frame pixels: top-left corner (x, y), width and height. */
+struct VYRA_API Region {
+    int x = 0;
+    int y = 0;
+    int width = 0;
+    int height = 0;
+};
+
+/**
+ * Progress report: stage, work done, total work (0 when unknown).
+ * Decoding reports once per decoded frame of the range with the expected
+ * frame count as total (a video's count is the container's estimate);
+ * Analysing reports (0, 1) before and (1, 1) after the analysis.
+ */
+using ProgressCallback = std::function<void(MeasureStage stage, size_t done, size_t total)>;
+
+/** Options of one measurement; the defaults measure a static page by timestamps. */
+struct VYRA_API MeasureOptions {
+    Timing timing = Timing::Timestamps;
+    double fps = 0.0;                 ///< used by Timing::FrameRate only
+    int start = 0;                    ///< first frame of the range; negative counts as 0
+    int end = 0;                      ///< last frame, inclusive, when > 1; else to the end
+    VyraPageType pageType = STATIC_PAGE;
+    bool stableBaseline = false;      ///< static analysis: search the stable baseline
+    std::optional<Region> crop;       ///< analyse only this rectangle
+    std::vector<Region> ignore;       ///< painted flat before analysis
+    LaunchTimeMode launchTimeMode = LaunchTimeMode::LoadFinishedFrame;
+    std::string saveFramesDir;        ///< "" = save nothing; else frames as analysed, "%08d.png"
+    ProgressCallback progress;        ///< empty = no reports
+};
+
+/** A key frame: index in the range (-1 = not found), seconds from the range start (NaN if not found). */
+struct VYRA_API KeyFrame {
+    int index = -1;
+    double time = std::numeric_limits<double>::quiet_NaN();
+};
+
+/** Everything one measurement found. */
+struct VYRA_API MeasureResult {
+    AnalysisResult analysis;          ///< the analysis' own record, indices relative to the range
+    size_t frameCount = 0;            ///< frames analysed
+    int frameWidth = 0;               ///< size of the analysed frames (after cropping)
+    int frameHeight = 0;
+    Timing timing = Timing::Timestamps;
+    double fps = 0.0;                 ///< frame rate of Timing::FrameRate, else 0
+    LaunchTimeMode launchTimeMode = LaunchTimeMode::LoadFinishedFrame;
+    double launchTime = std::numeric_limits<double>::quiet_NaN(); ///< seconds, NaN when not found
+    size_t estimatedTimeCount = 0;    ///< video frames timed by estimate (see the file comment)
+    std::vector<double> frameTimes;   ///< time of every analysed frame, seconds from the range start
+    KeyFrame loadFinished;            ///< analysis.loadFinishedIndex
+    KeyFrame baseline;                ///< analysis.staticResult.baselineIndex
+    KeyFrame logoAppear;              ///< analysis.staticResult.logoAppearIndex
+    KeyFrame logoDisappear;           ///< analysis.staticResult.logoDisappearIndex
+    KeyFrame firstFrame;              ///< analysis.staticResult.firstFrameIndex
+    KeyFrame motionStart;             ///< analysis.dynamicResult.motionStartIndex
+};
+
+/** The error of Measure(): a message and one of the VyraStatus codes. */
+class VYRA_API MeasureError : public std::runtime_error {
+public:
+    MeasureError(VyraStatus status, const std::string& message);
+    VyraStatus status() const noexcept;
+
+private:
+    VyraStatus status_;
+};
+
+/**
+ * Measures the recording at @p path.
+ *
+ * Throws MeasureError with:
+ *   - VYRA_ERROR_INVALID_ARGUMENT: Timing::FrameRate with an fps that is not
+ *     a finite number above 0; a page type other than STATIC_PAGE and
+ *     DYNAMIC_PAGE; a crop or ignore region whose width or height is below 1
+ *     or that does not lie wholly inside a frame (checked on each frame);
+ *   - VYRA_ERROR_NOT_FOUND: @p path does not exist;
+ *   - VYRA_ERROR_UNREADABLE: the path is neither a folder nor a video that
+ *     OpenCV can open; a video of which no frame decodes (or whose decoding
+ *     fails inside OpenCV); a folder that cannot be listed; a PNG file of the
+ *     range that cannot be read or decoded;
+ *   - VYRA_ERROR_EMPTY: a folder without PNG files, or a range that selects
+ *     no frame;
+ *   - VYRA_ERROR_NO_TIMESTAMPS: Timing::Timestamps on a folder whose file
+ *     names carry no number or whose numbers do not increase, or on a video
+ *     with a frame whose timestamp is missing before two frames with
+ *     timestamps are known when the stream has no nominal frame rate either;
+ *   - VYRA_ERROR_WRITE: saveFramesDir cannot be created or a frame not written;
+ *   - VYRA_ERROR_INTERNAL: OpenCV failed during the analysis.
+ * std::bad_alloc passes through unchanged, and so does any exception thrown
+ * by the progress callback.
+ */
+VYRA_API MeasureResult Measure(const std::string& path, const MeasureOptions& options = {});
+
+/** The text of a status, as vyra_status_string(). */
+VYRA_API const char* StatusString(VyraStatus status);
+
+}  // namespace vyra
+
+#endif /* VYRA_MEASURE_H */
