@@ -26,9 +26,9 @@ if(NOT VYRA_SANITIZE)
 
   add_test(NAME vyra_c_host_build
            COMMAND sh -c "cc -std=c11 -Wall -Wextra -pedantic -Werror \"$1\" -o \"$2\" \
-$(pkg-config --define-variable=prefix=\"$3\" --cflags --libs vyra) -Wl,-rpath,\"$4\""
+$(pkg-config --cflags --libs vyra) -Wl,-rpath,\"$3\""
                    sh ${CMAKE_CURRENT_SOURCE_DIR}/c_host/analyse_host.c
-                   ${VYRA_C_HOST_DIR}/analyse_host ${VYRA_C_HOST_PREFIX} ${VYRA_C_HOST_LIBDIR})
+                   ${VYRA_C_HOST_DIR}/analyse_host ${VYRA_C_HOST_LIBDIR})
   set_tests_properties(vyra_c_host_build PROPERTIES
     FIXTURES_REQUIRED vyra_installed
     FIXTURES_SETUP vyra_c_host
