@@ -16,6 +16,10 @@
 
 namespace vyra {
 
+namespace detail {
+struct ImageCacheAccess;
+}
+
 /**
  * One frame: its pixels, its index, and cached size, object list and content
  * ratio.
@@ -127,6 +131,10 @@ public:
     double GetContentRatio();
 
 private:
+    // Library-internal: lets the analysis hand over objects and ratios it has
+    // already computed for these pixels (no public behaviour depends on it).
+    friend struct detail::ImageCacheAccess;
+
     cv::Mat mat;
     int cachedWidth;
     int cachedHeight;

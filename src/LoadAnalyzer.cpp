@@ -3,16 +3,22 @@
 #include <dirent.h>
 
 #include <algorithm>
+#include <condition_variable>
 #include <cstdarg>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
+#include <deque>
 #include <exception>
 #include <fstream>
 #include <iostream>
 #include <limits>
 #include <memory>
+#include <mutex>
+#include <system_error>
+#include <thread>
+#include <utility>
 
 #include <opencv2/imgcodecs.hpp>
 #include <opencv2/videoio.hpp>
@@ -91,6 +97,86 @@ cv::Mat decodeFrameFile(const std::string& file) {
     }
     return cv::imdecode(bytes, cv::IMREAD_COLOR);
 }
+
+// Saves frames with cv::imwrite (no encoder parameters, result not looked
+// at) in the order given, on a worker thread when one can be started, else
+// at once on the caller's. The queue holds matrix headers that share the
+// caller's frames, at most kQueued of them; Save() waits while it is full.
+// An exception thrown by a save is passed on by Finish() (or dropped by the
+// destructor during unwinding) after the worker has been joined.
+class FrameSaver {
+public:
+    FrameSaver() {
+        try {
+            worker_ = std::thread(&FrameSaver::run, this);
+        } catch (const std::system_error&) {
+            // No thread: Save() writes directly.
+        }
+    }
+    ~FrameSaver() { stop(); }
+    FrameSaver(const FrameSaver&) = delete;
+    FrameSaver& operator=(const FrameSaver&) = delete;
+
+    void Save(std::string name, const cv::Mat& frame) {
+        if (!worker_.joinable()) {
+            cv::imwrite(name, frame);
+            return;
+        }
+        std::unique_lock<std::mutex> lock(mutex_);
+        space_.wait(lock, [this] { return queue_.size() < kQueued || failure_; });
+        if (failure_) return;  // later frames are not saved, as after a throw
+        queue_.emplace_back(std::move(name), frame);
+        ready_.notify_one();
+    }
+
+    void Finish() {
+        stop();
+        if (failure_) std::rethrow_exception(failure_);
+    }
+
+private:
+    static constexpr size_t kQueued = 16;
+
+    void stop() {
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            closing_ = true;
+        }
+        ready_.notify_one();
+        if (worker_.joinable()) worker_.join();
+    }
+
+    void run() {
+        std::unique_lock<std::mutex> lock(mutex_);
+        for (;;) {
+            ready_.wait(lock, [this] { return !queue_.empty() || closing_; });
+            if (queue_.empty()) return;
+            std::pair<std::string, cv::Mat> job = std::move(queue_.front());
+            queue_.pop_front();
+            lock.unlock();
+            try {
+                cv::imwrite(job.first, job.second);
+            } catch (...) {
+                lock.lock();
+                failure_ = std::current_exception();
+                queue_.clear();
+                space_.notify_one();
+                return;
+            }
+            job.second.release();
+            lock.lock();
+            space_.notify_one();
+        }
+    }
+
+    std::mutex mutex_;
+    std::condition_variable ready_;
+    std::condition_variable space_;
+    std::deque<std::pair<std::string, cv::Mat>> queue_;
+    bool closing_ = false;
+    std::exception_ptr failure_;
+    std::thread worker_;
+};
 
 struct DirCloser {
     void operator()(DIR* dir) const { closedir(dir); }
@@ -285,16 +371,21 @@ void transformVideo2Mats(std::string path, std::vector<cv::Mat>& mats) {
     if (!capture.isOpened()) {
         return;
     }
+    // Frames are saved on a second thread while the next ones decode; the
+    // writer references the kept frames (no pixel copies) and is joined
+    // before this returns, so every file is complete by then.
+    FrameSaver saver;
     for (int number = kFirstSavedFrameNumber;; ++number) {
         cv::Mat frame;
         capture.read(frame);
         if (frame.empty()) {
             break;
         }
-        cv::imwrite(formatText(kSavedFramePattern, number), frame);
+        saver.Save(formatText(kSavedFramePattern, number), frame);
         mats.push_back(frame);
     }
     capture.release();
+    saver.Finish();
 }
 
 bool cmp(const std::string& a, const std::string& b) {

@@ -1,6 +1,7 @@
 #include "VyraAnalyzer.h"
 
 #include "FrameAlignment.h"
+#include "ObjectPrefetch.h"
 
 #include <algorithm>
 #include <cmath>
@@ -202,12 +203,20 @@ AnalysisResult Analyzer::AnalyzeStaticPage(ImageSets& sets, bool searchStableBas
     CheckAndResizeImages(sets, b);
     ReduceUselessImages(sets, b + 1, n - 1);
 
+    // The searches below ask for objects in index order; they are detected
+    // once per run of identical frames and, on a second core, ahead of the
+    // search. Each Provide comes right before the accessors that would
+    // detect (with the ratio where IsNonBlankImage computes it).
+    detail::ObjectPrefetch prefetch(sets, true);
+
     found.objectCounts.assign(static_cast<size_t>(n), 0);
+    prefetch.Provide(b, true);
     found.objectCounts[static_cast<size_t>(b)] = static_cast<size_t>(sets[b].GetImageObjectsSize());
 
     if (IsNonBlankImage(sets, b)) {
         result.loadFinishedIndex = b;
         for (int i = 0; i < b; ++i) {
+            prefetch.Provide(i, true);
             found.objectCounts[static_cast<size_t>(i)] = static_cast<size_t>(sets[i].GetImageObjectsSize());
             if (IsNonBlankImage(sets, i) && IsImagesSimilar(sets, i, b)) {
                 result.loadFinishedIndex = i;
@@ -222,6 +231,7 @@ AnalysisResult Analyzer::AnalyzeStaticPage(ImageSets& sets, bool searchStableBas
     const int limit = result.loadFinishedIndex >= 0 ? result.loadFinishedIndex : b;
     bool previousLogo = false;
     for (int i = 0; i <= limit; ++i) {
+        prefetch.Provide(i, false);
         const bool isLogo = IsLogoImage(sets[i].GetImageObjects(), centralArea(sets[i]));
         if (found.logoAppearIndex == -1 && isLogo) found.logoAppearIndex = i;
         if (!isLogo && previousLogo) {
@@ -233,6 +243,7 @@ AnalysisResult Analyzer::AnalyzeStaticPage(ImageSets& sets, bool searchStableBas
 
     const int start = found.logoDisappearIndex >= 0 ? found.logoDisappearIndex : 0;
     for (int i = start; i < n; ++i) {
+        prefetch.Provide(i, false);
         if (IsValidFirstFrameImage(sets[i].GetImageObjects(), centralArea(sets[i]))) {
             found.firstFrameIndex = i;
             break;

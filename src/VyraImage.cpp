@@ -1,5 +1,7 @@
 #include "VyraImage.h"
 
+#include "ImageCacheAccess.h"
+
 #include <set>
 #include <utility>
 
@@ -159,10 +161,29 @@ int Image::GetImageObjectsSize() { return static_cast<int>(GetImageObjects().siz
 
 double Image::GetContentRatio() {
     if (contentRatio >= 0.0) return contentRatio;
-    const double area = static_cast<double>(Rect::CalculateTotalArea(GetImageObjects()));
-    const double pixels = static_cast<double>(img().total());
-    contentRatio = pixels > 0.0 ? area / pixels : 0.0;
+    const int area = Rect::CalculateTotalArea(GetImageObjects());
+    contentRatio = detail::ImageCacheAccess::RatioOf(area, img());
     return contentRatio;
 }
+
+namespace detail {
+
+double ImageCacheAccess::RatioOf(int area, const cv::Mat& pixels) {
+    const double total = static_cast<double>(pixels.total());
+    return total > 0.0 ? static_cast<double>(area) / total : 0.0;
+}
+
+bool ImageCacheAccess::IsResident(const Image& image) { return image.loaded || !image.loader; }
+
+bool ImageCacheAccess::HasObjects(const Image& image) { return image.objects != nullptr; }
+
+const cv::Mat& ImageCacheAccess::Pixels(const Image& image) { return image.mat; }
+
+void ImageCacheAccess::Install(Image& image, const std::vector<Rect>& objects, const double* ratio) {
+    if (!image.objects) image.objects = std::make_unique<std::vector<Rect>>(objects);
+    if (ratio != nullptr && image.contentRatio < 0.0) image.contentRatio = *ratio;
+}
+
+}  // namespace detail
 
 }  // namespace vyra

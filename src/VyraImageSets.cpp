@@ -27,17 +27,40 @@ int ImageSets::size() const { return static_cast<int>(images.size()); }
 
 Image& ImageSets::operator[](int index) { return images[static_cast<size_t>(index)]; }
 
-double ImageSets::CalculatePSNR(const cv::Mat& a, const cv::Mat& b) {
-    if (a.empty() || b.empty() || a.rows != b.rows || a.cols != b.cols) return -1.0;
-    // OpenCV cannot subtract matrices of different pixel types; such frames
-    // are not comparable.
-    if (a.type() != b.type()) return -1.0;
+namespace {
+
+// Sum of squared differences of the first three channels, formed as the
+// absolute difference, converted to float, squared and summed per channel.
+double literalSumOfSquares(const cv::Mat& a, const cv::Mat& b) {
     cv::Mat diff;
     cv::absdiff(a, b, diff);
     diff.convertTo(diff, CV_32F, 1.0, 0.0);
     diff = diff.mul(diff);
     const cv::Scalar s = cv::sum(diff);
-    const double sse = s[0] + s[1] + s[2];
+    return s[0] + s[1] + s[2];
+}
+
+// The same sum, cheaper where that is exact. For 8-bit matrices of one to
+// three channels every squared difference is an integer of at most 65025,
+// exact in float, and cv::sum adds the float squares in double: the literal
+// result is the exact integer sum over all channels, which cv::norm's
+// L2SQR gives too (integer accumulation, returned as double). Four channels
+// keep the literal path (their fourth channel is not summed), as do other
+// depths. (Builds with IPP may take the norm as a square root squared
+// again, which is not exact; they keep the literal path too.)
+double sumOfSquaredDifferences(const cv::Mat& a, const cv::Mat& b) {
+    if (a.depth() == CV_8U && a.channels() <= 3 && !cv::ipp::useIPP()) return cv::norm(a, b, cv::NORM_L2SQR);
+    return literalSumOfSquares(a, b);
+}
+
+}  // namespace
+
+double ImageSets::CalculatePSNR(const cv::Mat& a, const cv::Mat& b) {
+    if (a.empty() || b.empty() || a.rows != b.rows || a.cols != b.cols) return -1.0;
+    // OpenCV cannot subtract matrices of different pixel types; such frames
+    // are not comparable.
+    if (a.type() != b.type()) return -1.0;
+    const double sse = sumOfSquaredDifferences(a, b);
     if (sse <= 1e-10) return 99.99;
     const std::uint64_t samples =
         static_cast<std::uint64_t>(a.channels()) * static_cast<std::uint64_t>(a.total());

@@ -1,0 +1,42 @@
+// Internal: what the analysis may read and fill in a vyra::Image besides its
+// public accessors, so that objects detected once (ahead of time, or for a
+// pixel-identical frame) can be handed to the Image instead of detected again.
+#ifndef VYRA_IMAGE_CACHE_ACCESS_H
+#define VYRA_IMAGE_CACHE_ACCESS_H
+
+#include <vector>
+
+#include <opencv2/core.hpp>
+
+#include "VyraImage.h"
+#include "VyraRect.h"
+
+namespace vyra {
+namespace detail {
+
+struct ImageCacheAccess {
+    /** Content ratio of a union area @p area over the pixels of @p pixels (0.0 without pixels). */
+    static double RatioOf(int area, const cv::Mat& pixels);
+
+    /** True when the Image holds its pixels now (loaded, or made from a matrix): Pixels() is them. */
+    static bool IsResident(const Image& image);
+
+    /** True when the Image's object list is known (detected or handed over). */
+    static bool HasObjects(const Image& image);
+
+    /** The Image's matrix as it is, without loading anything. */
+    static const cv::Mat& Pixels(const Image& image);
+
+    /**
+     * Stores @p objects as the Image's object list when it has none yet, and
+     * *@p ratio as its content ratio when @p ratio is given and the Image's
+     * ratio is not computed yet. The caller vouches that both are what the
+     * Image would compute from its current pixels.
+     */
+    static void Install(Image& image, const std::vector<Rect>& objects, const double* ratio);
+};
+
+}  // namespace detail
+}  // namespace vyra
+
+#endif  // VYRA_IMAGE_CACHE_ACCESS_H

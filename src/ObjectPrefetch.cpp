@@ -1,0 +1,165 @@
+#include "ObjectPrefetch.h"
+
+#include <cstring>
+#include <system_error>
+#include <utility>
+
+#include "ImageCacheAccess.h"
+#include "VyraImage.h"
+
+namespace vyra {
+namespace detail {
+
+namespace {
+
+// How far beyond the index last provided results are computed ahead.
+const int kLookahead = 8;
+
+// Same size, same type and the same bytes.
+bool samePixels(const cv::Mat& a, const cv::Mat& b) {
+    if (a.rows != b.rows || a.cols != b.cols || a.type() != b.type() || a.dims > 2 || b.dims > 2) {
+        return false;
+    }
+    if (a.data == b.data && a.step == b.step) return true;
+    const size_t rowBytes = static_cast<size_t>(a.cols) * a.elemSize();
+    if (a.isContinuous() && b.isContinuous()) {
+        return std::memcmp(a.data, b.data, rowBytes * static_cast<size_t>(a.rows)) == 0;
+    }
+    for (int y = 0; y < a.rows; ++y) {
+        if (std::memcmp(a.ptr(y), b.ptr(y), rowBytes) != 0) return false;
+    }
+    return true;
+}
+
+}  // namespace
+
+ObjectPrefetch::ObjectPrefetch(ImageSets& sets, bool useWorker)
+    : sets_(sets), slots_(static_cast<size_t>(sets.size())) {
+    for (int k = 0; k < sets.size(); ++k) {
+        const Image& image = sets[k];
+        if (ImageCacheAccess::IsResident(image) && !ImageCacheAccess::HasObjects(image)) {
+            Slot& slot = slots_[static_cast<size_t>(k)];
+            slot.state = State::Unclaimed;
+            slot.pixels = ImageCacheAccess::Pixels(image);
+        }
+    }
+    horizon_ = kLookahead;
+    if (useWorker && std::thread::hardware_concurrency() > 1) {
+        try {
+            worker_ = std::thread(&ObjectPrefetch::workerLoop, this);
+        } catch (const std::system_error&) {
+            // No second thread: everything is computed on the calling thread.
+        }
+    }
+}
+
+ObjectPrefetch::~ObjectPrefetch() {
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        stopping_ = true;
+    }
+    changed_.notify_all();
+    if (worker_.joinable()) worker_.join();
+}
+
+int ObjectPrefetch::claimNext() {
+    const int size = static_cast<int>(slots_.size());
+    for (; cursor_ < size && cursor_ <= horizon_; ++cursor_) {
+        Slot& slot = slots_[static_cast<size_t>(cursor_)];
+        if (slot.state == State::Unclaimed) {
+            slot.state = State::Working;
+            return cursor_++;
+        }
+    }
+    return -1;
+}
+
+void ObjectPrefetch::work(int index, std::unique_lock<std::mutex>& lock) {
+    const cv::Mat pixels = slots_[static_cast<size_t>(index)].pixels;
+    const bool previousEligible =
+        index > 0 && slots_[static_cast<size_t>(index) - 1].state != State::Ineligible;
+    const cv::Mat previous = previousEligible ? slots_[static_cast<size_t>(index) - 1].pixels : cv::Mat();
+    lock.unlock();
+
+    State state = State::Done;
+    int sameAs = -1;
+    std::shared_ptr<const std::vector<Rect>> objects;
+    double ratio = 0.0;
+    try {
+        if (previousEligible && samePixels(previous, pixels)) {
+            sameAs = index - 1;
+        } else {
+            auto detected = std::make_shared<std::vector<Rect>>(Image::DetectObjects(pixels));
+            ratio = ImageCacheAccess::RatioOf(Rect::CalculateTotalArea(*detected), pixels);
+            objects = std::move(detected);
+        }
+    } catch (...) {
+        // The Image's own accessor will meet the same failure when asked.
+        state = State::Failed;
+    }
+
+    lock.lock();
+    Slot& slot = slots_[static_cast<size_t>(index)];
+    slot.state = state;
+    slot.sameAs = sameAs;
+    slot.objects = std::move(objects);
+    slot.ratio = ratio;
+    changed_.notify_all();
+}
+
+int ObjectPrefetch::representative(int index) const {
+    while (slots_[static_cast<size_t>(index)].state == State::Done &&
+           slots_[static_cast<size_t>(index)].sameAs >= 0) {
+        index = slots_[static_cast<size_t>(index)].sameAs;
+    }
+    return index;
+}
+
+void ObjectPrefetch::Provide(int index, bool withRatio) {
+    if (index < 0 || index >= static_cast<int>(slots_.size())) return;
+    std::unique_lock<std::mutex> lock(mutex_);
+    if (slots_[static_cast<size_t>(index)].state == State::Ineligible) return;
+    horizon_ = index + kLookahead;
+    changed_.notify_all();
+    for (;;) {
+        const int source = representative(index);
+        Slot& slot = slots_[static_cast<size_t>(source)];
+        switch (slot.state) {
+        case State::Unclaimed:
+            slot.state = State::Working;
+            work(source, lock);
+            break;
+        case State::Working: {
+            // Busy on the worker: compute the next result meanwhile, or wait.
+            const int next = claimNext();
+            if (next >= 0) {
+                work(next, lock);
+            } else {
+                changed_.wait(lock);
+            }
+            break;
+        }
+        case State::Done:
+            ImageCacheAccess::Install(sets_[index], *slot.objects, withRatio ? &slot.ratio : nullptr);
+            return;
+        case State::Failed:
+        case State::Ineligible:
+            return;
+        }
+    }
+}
+
+void ObjectPrefetch::workerLoop() {
+    std::unique_lock<std::mutex> lock(mutex_);
+    while (!stopping_) {
+        const int next = claimNext();
+        if (next >= 0) {
+            work(next, lock);
+        } else {
+            changed_.wait(lock);
+        }
+    }
+}
+
+}  // namespace detail
+}  // namespace vyra

@@ -1,0 +1,94 @@
+// Internal: object detection for the in-order searches of the static
+// analysis, done once per run of pixel-identical frames and, on a second
+// core, ahead of the search.
+#ifndef VYRA_OBJECT_PREFETCH_H
+#define VYRA_OBJECT_PREFETCH_H
+
+#include <condition_variable>
+#include <exception>
+#include <memory>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+#include <opencv2/core.hpp>
+
+#include "VyraImageSets.h"
+#include "VyraRect.h"
+
+namespace vyra {
+namespace detail {
+
+/**
+ * Supplies the object lists (and content ratios) of a set's images to a
+ * search that visits them in order.
+ *
+ * Eligible images are those that hold their pixels when the prefetcher is
+ * made (made from a matrix, or loaded) and have no object list yet; others
+ * are left entirely to their own accessors (lazily loaded images are never
+ * loaded here). For an eligible image the detection result is computed from
+ * a snapshot of its matrix header, so the pixels must not change while the
+ * prefetcher lives. An image whose pixels are byte-identical (same size,
+ * type and bytes) to those of the eligible image before it gets a copy of
+ * that image's result instead of a detection of its own.
+ *
+ * Results are computed by the calling thread and, when asked for, one worker
+ * thread that works a bounded distance ahead of the last index provided. A
+ * result reaches an Image only through Provide(), on the calling thread, so
+ * each Image ends up with exactly what its own accessors would have
+ * computed, and only the Images the search reached are touched. The worker
+ * is stopped and joined by the destructor (also during unwinding); results
+ * it computed for images that were never provided are dropped.
+ *
+ * Not thread-safe itself: one thread (the one that made it) calls Provide().
+ */
+class ObjectPrefetch {
+public:
+    ObjectPrefetch(ImageSets& sets, bool useWorker);
+    ~ObjectPrefetch();
+    ObjectPrefetch(const ObjectPrefetch&) = delete;
+    ObjectPrefetch& operator=(const ObjectPrefetch&) = delete;
+
+    /**
+     * Makes image @p index carry its object list, and its content ratio when
+     * @p withRatio, if it is eligible: hands over the result computed here
+     * (computing or waiting for it first). Ineligible images, and results
+     * whose computation threw, are left alone, so the Image's own accessor
+     * computes (and throws) exactly as it would have.
+     */
+    void Provide(int index, bool withRatio);
+
+private:
+    enum class State { Ineligible, Unclaimed, Working, Done, Failed };
+
+    struct Slot {
+        State state = State::Ineligible;
+        cv::Mat pixels;      // header snapshot of the eligible image's matrix
+        int sameAs = -1;     // earlier eligible index with byte-identical pixels
+        std::shared_ptr<const std::vector<Rect>> objects;
+        double ratio = 0.0;
+    };
+
+    // Claims the lowest unclaimed index at or beyond the cursor and not past
+    // the horizon; -1 when there is none. Caller holds the lock.
+    int claimNext();
+    // Computes the result of a claimed slot (outside the lock) and stores it.
+    void work(int index, std::unique_lock<std::mutex>& lock);
+    // Index whose result slot @p index shares (following sameAs links).
+    int representative(int index) const;
+    void workerLoop();
+
+    ImageSets& sets_;
+    std::vector<Slot> slots_;
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    int cursor_ = 0;
+    int horizon_ = 0;
+    bool stopping_ = false;
+    std::thread worker_;
+};
+
+}  // namespace detail
+}  // namespace vyra
+
+#endif  // VYRA_OBJECT_PREFETCH_H
