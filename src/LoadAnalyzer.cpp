@@ -23,6 +23,7 @@
 #include <opencv2/imgcodecs.hpp>
 #include <opencv2/videoio.hpp>
 
+#include "DefaultThresholds.h"
 #include "VyraAnalysisResults.h"
 #include "VyraAnalyzer.h"
 
@@ -37,12 +38,6 @@ const int kFirstSavedFrameNumber = 18938;
 const char* const kReportFile = "record.log";
 const int kTimestampMode = 1;
 
-// Thresholds of the analyser a run uses.
-const double kPsnrThreshold = 20.0;
-const double kBaselineOverlapRatio = 0.5;
-const double kSimilarOverlapRatio = 0.85;
-const double kContentRatioThreshold = 0.15;
-const int kObjectCountThreshold = 200;
 
 // ------------------------------------------------------------------- helpers
 
@@ -303,9 +298,9 @@ double analyseFrame(std::string path, int frameMode, int fps, int startIndex, in
     printLine("获取到图片数::", frames.size());
     std::cout << "Do Analyzering..." << std::endl;
 
+    using namespace vyra::detail;
     auto analyzer = std::make_unique<vyra::Analyzer>(kPsnrThreshold, kBaselineOverlapRatio,
-                                                     kSimilarOverlapRatio,
-                                                     kContentRatioThreshold,
+                                                     kSimilarOverlapRatio, kContentRatioThreshold,
                                                      kObjectCountThreshold);
     const vyra::AnalysisResult result = analyzer->Analyze(frames, STATIC_PAGE, false);
 

@@ -11,6 +11,7 @@
 #include <opencv2/imgcodecs.hpp>
 #include <opencv2/imgproc.hpp>
 
+#include "DefaultThresholds.h"
 #include "FrameAlignment.h"
 #include "VyraAnalyzer.h"
 #include "VyraFrameSource.h"
@@ -43,12 +44,6 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// Thresholds of the analysis, the same as the historic entry uses.
-constexpr double kPsnrThreshold = 20.0;
-constexpr double kBaselineOverlapRatio = 0.5;
-constexpr double kSimilarOverlapRatio = 0.85;
-constexpr double kContentRatioThreshold = 0.15;
-constexpr int kObjectCountThreshold = 200;
 
 std::string describe(const Region& region) {
     return std::to_string(region.x) + "," + std::to_string(region.y) + "," +
@@ -289,8 +284,9 @@ AnalysisResult analyse(std::vector<Image>& images, const MeasureOptions& options
     {
         ImageSets sets(images);
         images.clear();
-        const Analyzer analyzer(kPsnrThreshold, kBaselineOverlapRatio, kSimilarOverlapRatio,
-                                kContentRatioThreshold, kObjectCountThreshold);
+        const Analyzer analyzer(detail::kPsnrThreshold, detail::kBaselineOverlapRatio,
+                                detail::kSimilarOverlapRatio, detail::kContentRatioThreshold,
+                                detail::kObjectCountThreshold);
         try {
             analysis = analyzer.Analyze(sets, options.pageType, options.stableBaseline);
         } catch (const cv::Exception& e) {
