@@ -75,20 +75,26 @@ std::string describe(const vyra::AnalysisResult& r) {
     return out.str();
 }
 
-std::vector<cv::Mat> sampleFrames(int width, int height, double seconds, int fps, unsigned seed) {
+// A 3 s launch at 10 fps, 180x320 unless another size is given.
+vyra::sample::SampleOptions smallSample(unsigned seed, int width = 180, int height = 320) {
     vyra::sample::SampleOptions options;
     options.width = width;
     options.height = height;
-    options.seconds = seconds;
-    options.fps = fps;
+    options.seconds = 3.0;
+    options.fps = 10;
     options.seed = seed;
+    return options;
+}
+
+std::vector<cv::Mat> sampleFrames(int width, int height, unsigned seed) {
+    const vyra::sample::SampleOptions options = smallSample(seed, width, height);
     return vyra::sample::RenderAllFrames(options, vyra::sample::PlanSample(options));
 }
 
 // A portrait launch in which two early frames come in another size: one in
 // landscape (rotated, then resized) and one smaller (resized only).
 std::vector<cv::Mat> mixedSizeFrames() {
-    std::vector<cv::Mat> frames = sampleFrames(180, 320, 3.0, 10, 5);
+    std::vector<cv::Mat> frames = sampleFrames(180, 320, 5);
     cv::Mat landscape;
     cv::rotate(frames[4], landscape, cv::ROTATE_90_CLOCKWISE);
     frames[4] = landscape;
@@ -117,15 +123,15 @@ std::string analyseAndDescribe(std::vector<cv::Mat> frames, VyraPageType type, b
 }
 
 TEST(RegressionPins, PortraitSampleStatic) {
-    expectPinned("portrait_static", analyseAndDescribe(sampleFrames(180, 320, 3.0, 10, 1), STATIC_PAGE, false));
+    expectPinned("portrait_static", analyseAndDescribe(sampleFrames(180, 320, 1), STATIC_PAGE, false));
 }
 
 TEST(RegressionPins, LandscapeSampleStatic) {
-    expectPinned("landscape_static", analyseAndDescribe(sampleFrames(320, 180, 3.0, 10, 2), STATIC_PAGE, false));
+    expectPinned("landscape_static", analyseAndDescribe(sampleFrames(320, 180, 2), STATIC_PAGE, false));
 }
 
 TEST(RegressionPins, PortraitSampleStableBaseline) {
-    expectPinned("portrait_stable", analyseAndDescribe(sampleFrames(180, 320, 3.0, 10, 3), STATIC_PAGE, true));
+    expectPinned("portrait_stable", analyseAndDescribe(sampleFrames(180, 320, 3), STATIC_PAGE, true));
 }
 
 TEST(RegressionPins, MixedSizesStatic) {
@@ -133,7 +139,7 @@ TEST(RegressionPins, MixedSizesStatic) {
 }
 
 TEST(RegressionPins, SampleDynamic) {
-    expectPinned("sample_dynamic", analyseAndDescribe(sampleFrames(180, 320, 3.0, 10, 4), DYNAMIC_PAGE, false));
+    expectPinned("sample_dynamic", analyseAndDescribe(sampleFrames(180, 320, 4), DYNAMIC_PAGE, false));
 }
 
 TEST(RegressionPins, ScrollingPageDynamic) {
@@ -169,12 +175,7 @@ std::string runAnalyse(const vyra_test::TempDir& work, const std::string& record
 
 TEST(RegressionPins, AnalyseTimestampFolder) {
     vyra_test::TempDir work;
-    vyra::sample::SampleOptions options;
-    options.width = 180;
-    options.height = 320;
-    options.seconds = 3.0;
-    options.fps = 10;
-    options.seed = 6;
+    vyra::sample::SampleOptions options = smallSample(6);
     options.timeJitter = 0.3;
     vyra::sample::WriteSampleFrames((work / "frames-in").string(), options);
     const std::string recording = (work / "frames-in").string();
@@ -186,12 +187,7 @@ TEST(RegressionPins, AnalyseTimestampFolder) {
 
 TEST(RegressionPins, AnalyseVideoWithSavedFrames) {
     vyra_test::TempDir work;
-    vyra::sample::SampleOptions options;
-    options.width = 180;
-    options.height = 320;
-    options.seconds = 3.0;
-    options.fps = 10;
-    options.seed = 7;
+    const vyra::sample::SampleOptions options = smallSample(7);
     vyra::sample::WriteSampleVideo((work / "launch.mp4").string(), options);
     vyra_test::fs::create_directory(work / "frames");
     std::string text = runAnalyse(work, (work / "launch.mp4").string(), 2, 10, 0, 0);
