@@ -74,7 +74,7 @@ int ObjectPrefetch::claimNext() {
     return -1;
 }
 
-void ObjectPrefetch::work(int index, std::unique_lock<std::mutex>& lock) {
+void ObjectPrefetch::work(int index, std::unique_lock<std::mutex>& lock, DetectionWorkspace& workspace) {
     const cv::Mat pixels = slots_[static_cast<size_t>(index)].pixels;
     const bool previousEligible =
         index > 0 && slots_[static_cast<size_t>(index) - 1].state != State::Ineligible;
@@ -89,7 +89,7 @@ void ObjectPrefetch::work(int index, std::unique_lock<std::mutex>& lock) {
         if (previousEligible && samePixels(previous, pixels)) {
             sameAs = index - 1;
         } else {
-            auto detected = std::make_shared<std::vector<Rect>>(Image::DetectObjects(pixels));
+            auto detected = std::make_shared<std::vector<Rect>>(workspace.Detect(pixels));
             ratio = ImageCacheAccess::RatioOf(Rect::CalculateTotalArea(*detected), pixels);
             objects = std::move(detected);
         }
@@ -127,13 +127,13 @@ void ObjectPrefetch::Provide(int index, bool withRatio) {
         switch (slot.state) {
         case State::Unclaimed:
             slot.state = State::Working;
-            work(source, lock);
+            work(source, lock, callerWorkspace_);
             break;
         case State::Working: {
             // Busy on the worker: compute the next result meanwhile, or wait.
             const int next = claimNext();
             if (next >= 0) {
-                work(next, lock);
+                work(next, lock, callerWorkspace_);
             } else {
                 changed_.wait(lock);
             }
@@ -150,11 +150,12 @@ void ObjectPrefetch::Provide(int index, bool withRatio) {
 }
 
 void ObjectPrefetch::workerLoop() {
+    DetectionWorkspace workspace;
     std::unique_lock<std::mutex> lock(mutex_);
     while (!stopping_) {
         const int next = claimNext();
         if (next >= 0) {
-            work(next, lock);
+            work(next, lock, workspace);
         } else {
             changed_.wait(lock);
         }

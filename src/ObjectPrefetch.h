@@ -13,6 +13,7 @@
 
 #include <opencv2/core.hpp>
 
+#include "ObjectDetection.h"
 #include "VyraImageSets.h"
 #include "VyraRect.h"
 
@@ -72,14 +73,16 @@ private:
     // Claims the lowest unclaimed index at or beyond the cursor and not past
     // the horizon; -1 when there is none. Caller holds the lock.
     int claimNext();
-    // Computes the result of a claimed slot (outside the lock) and stores it.
-    void work(int index, std::unique_lock<std::mutex>& lock);
+    // Computes the result of a claimed slot (outside the lock, detecting in
+    // @p workspace) and stores it.
+    void work(int index, std::unique_lock<std::mutex>& lock, DetectionWorkspace& workspace);
     // Index whose result slot @p index shares (following sameAs links).
     int representative(int index) const;
     void workerLoop();
 
     ImageSets& sets_;
     std::vector<Slot> slots_;
+    DetectionWorkspace callerWorkspace_;  // used only by the calling thread
     std::mutex mutex_;
     std::condition_variable changed_;
     int cursor_ = 0;

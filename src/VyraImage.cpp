@@ -1,11 +1,9 @@
 #include "VyraImage.h"
 
 #include "ImageCacheAccess.h"
+#include "ObjectDetection.h"
 
-#include <set>
 #include <utility>
-
-#include <opencv2/imgproc.hpp>
 
 namespace vyra {
 
@@ -20,24 +18,6 @@ std::unique_ptr<std::vector<Rect>> adoptObjects(const std::vector<Rect>& objects
 
 std::unique_ptr<std::vector<Rect>> copyObjects(const std::unique_ptr<std::vector<Rect>>& objects) {
     return objects ? std::make_unique<std::vector<Rect>>(*objects) : nullptr;
-}
-
-// The grey picture the edge detector reads, or an empty matrix for frames it
-// cannot read (depth other than 8 bits, two channels).
-cv::Mat greyForDetection(const cv::Mat& frame) {
-    if (frame.depth() != CV_8U) return cv::Mat();
-    switch (frame.channels()) {
-    case 1:
-        return frame.clone();
-    case 3:
-    case 4: {
-        cv::Mat grey;
-        cv::cvtColor(frame, grey, cv::COLOR_BGR2GRAY);
-        return grey;
-    }
-    default:
-        return cv::Mat();
-    }
 }
 
 }  // namespace
@@ -136,18 +116,8 @@ bool Image::Reduce() {
 }
 
 std::vector<Rect> Image::DetectObjects(const cv::Mat& frame) {
-    if (frame.empty()) return {};
-    cv::Mat edges = greyForDetection(frame);
-    if (edges.empty()) return {};
-    cv::Canny(edges, edges, 10.0, 30.0, 3, false);
-    std::vector<std::vector<cv::Point>> contours;
-    cv::findContours(edges, contours, cv::RETR_LIST, cv::CHAIN_APPROX_SIMPLE);
-    std::set<Rect> boxes;
-    for (const auto& contour : contours) {
-        const cv::Rect box = cv::boundingRect(contour);
-        boxes.insert(Rect(box.x, box.y, box.x + box.width - 1, box.y + box.height - 1));
-    }
-    return std::vector<Rect>(boxes.begin(), boxes.end());
+    detail::DetectionWorkspace workspace;
+    return workspace.Detect(frame);
 }
 
 std::vector<Rect>& Image::GetImageObjects() {

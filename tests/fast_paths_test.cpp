@@ -1,6 +1,7 @@
 // The cheaper code paths give exactly what the straightforward ones give:
-// PSNR through a direct sum of squares, object lists shared between
-// pixel-identical frames, detection ahead of the in-order searches.
+// PSNR through a direct sum of squares, detection in kept buffers, object
+// lists shared between pixel-identical frames, detection ahead of the
+// in-order searches.
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -95,6 +96,16 @@ std::vector<cv::Mat> framesWithRepeats() {
     return frames;
 }
 
+TEST(KeptBufferDetection, DetectObjectsGivesThePlainPipelinesBoxes) {
+    const std::vector<cv::Mat> frames =
+        vyra_test::detectionCatalogue({cv::Size(1, 1), cv::Size(3, 2), cv::Size(120, 200), cv::Size(201, 77)});
+    for (size_t k = 0; k < frames.size(); ++k) {
+        EXPECT_EQ(vyra::Image::DetectObjects(frames[k]), vyra_test::plainPipelineObjects(frames[k]))
+            << "frame " << k << " " << frames[k].cols << "x" << frames[k].rows << " channels "
+            << frames[k].channels();
+    }
+}
+
 TEST(SharedDetection, EveryImageGetsTheObjectsOfItsOwnPixels) {
     for (int round = 0; round < 5; ++round) {  // the worker's timing varies
         std::vector<cv::Mat> frames = framesWithRepeats();
@@ -104,7 +115,7 @@ TEST(SharedDetection, EveryImageGetsTheObjectsOfItsOwnPixels) {
         const vyra::AnalysisResult result = analyzer.Analyze(sets, STATIC_PAGE, false);
         ASSERT_EQ(result.staticResult.baselineIndex, 10);
         for (int k = 0; k < sets.size(); ++k) {
-            const std::vector<vyra::Rect> expected = vyra::Image::DetectObjects(frames[static_cast<size_t>(k)]);
+            const std::vector<vyra::Rect> expected = vyra_test::plainPipelineObjects(frames[static_cast<size_t>(k)]);
             EXPECT_EQ(sets[k].GetImageObjects(), expected) << "image " << k;
             const double ratio = static_cast<double>(vyra::Rect::CalculateTotalArea(expected)) / (180.0 * 320.0);
             EXPECT_EQ(sets[k].GetContentRatio(), ratio) << "image " << k;
@@ -152,6 +163,42 @@ TEST(SharedDetection, LazilyLoadedImagesAreNotLoadedAhead) {
     for (size_t k = 0; k < frames.size(); ++k) EXPECT_EQ(calls[k], 1) << "image " << k;
     for (int k = 0; k < sets.size(); ++k) {
         EXPECT_EQ(sets[k].GetImageObjects(), vyra::Image::DetectObjects(frames[static_cast<size_t>(k)]));
+    }
+}
+
+// The same frames analysed as matrices (detected ahead, in kept buffers,
+// shared between identical frames) and as lazily loaded images (which the
+// prefetcher leaves to their own accessors) give the same findings.
+TEST(SharedDetection, AnalysisEqualsTheOneWithoutPrefetching) {
+    for (const std::vector<cv::Mat>& source : {framesWithRepeats(), vyra_test::launchSequence()}) {
+        std::vector<cv::Mat> frames = source;
+        vyra::ImageSets prefetched(frames);
+        std::vector<vyra::Image> images;
+        std::vector<vyra::Rect> none;
+        for (size_t k = 0; k < source.size(); ++k) {
+            const cv::Mat frame = source[k];
+            images.emplace_back([frame] { return frame.clone(); }, none, frame.cols, frame.rows, -1.0,
+                                static_cast<int>(k));
+        }
+        vyra::ImageSets lazy(images);
+        const vyra::Analyzer analyzer(20.0, 0.5, 0.85, 0.15, 200);
+        for (bool stable : {false, true}) {
+            const vyra::AnalysisResult a = analyzer.Analyze(prefetched, STATIC_PAGE, stable);
+            const vyra::AnalysisResult b = analyzer.Analyze(lazy, STATIC_PAGE, stable);
+            EXPECT_EQ(a.imageCount, b.imageCount);
+            EXPECT_EQ(a.loadFinishedIndex, b.loadFinishedIndex);
+            EXPECT_EQ(a.staticResult.baselineIndex, b.staticResult.baselineIndex);
+            EXPECT_EQ(a.staticResult.logoAppearIndex, b.staticResult.logoAppearIndex);
+            EXPECT_EQ(a.staticResult.logoDisappearIndex, b.staticResult.logoDisappearIndex);
+            EXPECT_EQ(a.staticResult.firstFrameIndex, b.staticResult.firstFrameIndex);
+            EXPECT_EQ(a.staticResult.objectCounts, b.staticResult.objectCounts);
+            EXPECT_EQ(a.staticResult.loadedPsnr, b.staticResult.loadedPsnr);
+            EXPECT_EQ(a.staticResult.preLoadedPsnr, b.staticResult.preLoadedPsnr);
+        }
+        for (int k = 0; k < prefetched.size(); ++k) {
+            EXPECT_EQ(prefetched[k].GetImageObjects(), vyra_test::plainPipelineObjects(source[static_cast<size_t>(k)]));
+            EXPECT_EQ(lazy[k].GetImageObjects(), prefetched[k].GetImageObjects());
+        }
     }
 }
 

@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <fstream>
 #include <random>
+#include <set>
 #include <sstream>
 #include <stdexcept>
 
@@ -449,6 +450,89 @@ cv::Mat withNoise(const cv::Mat& frame, int amplitude, unsigned seed) {
     cv::add(wide, noise, wide);
     wide.convertTo(noisy, CV_8UC3);
     return noisy;
+}
+
+}  // namespace vyra_test
+
+// ---- object detection written out with OpenCV's plain calls ----
+namespace vyra_test {
+
+std::vector<vyra::Rect> plainPipelineObjects(const cv::Mat& frame) {
+    if (frame.empty() || frame.depth() != CV_8U) return {};
+    cv::Mat grey;
+    if (frame.channels() == 1) {
+        grey = frame.clone();
+    } else if (frame.channels() == 3 || frame.channels() == 4) {
+        cv::cvtColor(frame, grey, cv::COLOR_BGR2GRAY);
+    } else {
+        return {};
+    }
+    cv::Mat edges;
+    cv::Canny(grey, edges, 10.0, 30.0, 3, false);
+    std::vector<std::vector<cv::Point>> contours;
+    cv::findContours(edges, contours, cv::RETR_LIST, cv::CHAIN_APPROX_SIMPLE);
+    std::set<vyra::Rect> boxes;
+    for (const auto& contour : contours) {
+        const cv::Rect box = cv::boundingRect(contour);
+        boxes.insert(vyra::Rect(box.x, box.y, box.x + box.width - 1, box.y + box.height - 1));
+    }
+    return std::vector<vyra::Rect>(boxes.begin(), boxes.end());
+}
+
+namespace {
+
+// Filled and outlined shapes, some cut by the frame's edges.
+cv::Mat bordersFrame(cv::Size size) {
+    cv::Mat frame(size, CV_8UC3, cv::Scalar(235, 235, 235));
+    const int w = size.width, h = size.height;
+    cv::rectangle(frame, cv::Rect(-3, -2, w / 3 + 3, h / 4 + 2), cv::Scalar(20, 40, 60), cv::FILLED);
+    cv::rectangle(frame, cv::Rect(w / 2, h - h / 5, w, h), cv::Scalar(90, 10, 200), cv::FILLED);
+    cv::circle(frame, cv::Point(w - 2, h / 2), std::max(1, std::min(w, h) / 4), cv::Scalar(0, 0, 0), 2);
+    cv::line(frame, cv::Point(0, h / 2), cv::Point(w / 2, 0), cv::Scalar(255, 255, 255), 1);
+    cv::rectangle(frame, cv::Rect(w / 3, h / 3, std::max(1, w / 4), std::max(1, h / 4)), cv::Scalar(60, 60, 60), 1);
+    return frame;
+}
+
+cv::Mat rampFrame(cv::Size size) {
+    cv::Mat frame(size, CV_8UC3);
+    for (int y = 0; y < size.height; ++y) {
+        for (int x = 0; x < size.width; ++x) {
+            const uchar v = static_cast<uchar>((x * 7 + y * 3) % 256);
+            frame.at<cv::Vec3b>(y, x) = cv::Vec3b(v, static_cast<uchar>(255 - v), static_cast<uchar>(v / 2));
+        }
+    }
+    return frame;
+}
+
+// Uniform noise between low and high - 1 in every channel.
+cv::Mat noiseFrame(cv::Size size, unsigned seed, int low, int high) {
+    cv::Mat frame(size, CV_8UC3);
+    cv::RNG rng(seed);
+    rng.fill(frame, cv::RNG::UNIFORM, cv::Scalar::all(low), cv::Scalar::all(high));
+    return frame;
+}
+
+}  // namespace
+
+std::vector<cv::Mat> detectionCatalogue(const std::vector<cv::Size>& sizes) {
+    std::vector<cv::Mat> frames;
+    unsigned seed = 11;
+    for (const cv::Size& size : sizes) {
+        // Faint noise puts many gradients near both Canny thresholds.
+        const cv::Mat contents[] = {texturedFrame(size.width, size.height, seed), noiseFrame(size, seed + 1, 0, 256),
+                                    noiseFrame(size, seed + 2, 96, 128), bordersFrame(size), rampFrame(size),
+                                    solidFrame(size.width, size.height, cv::Scalar(40, 90, 160))};
+        seed += 3;
+        for (const cv::Mat& bgr : contents) {
+            cv::Mat grey, bgra;
+            cv::cvtColor(bgr, grey, cv::COLOR_BGR2GRAY);
+            cv::cvtColor(bgr, bgra, cv::COLOR_BGR2BGRA);
+            frames.push_back(bgr);
+            frames.push_back(grey);
+            frames.push_back(bgra);
+        }
+    }
+    return frames;
 }
 
 }  // namespace vyra_test

@@ -232,3 +232,23 @@ cv::Mat withNoise(const cv::Mat& frame, int amplitude, unsigned seed);
 }  // namespace vyra_test
 
 #endif  // VYRA_TESTS_FIXTURES_H
+
+// ---- object detection written out with OpenCV's plain calls ----
+namespace vyra_test {
+
+// The object boxes of a frame computed the straightforward way: grey copy
+// (cvtColor BGR2GRAY for 3 or 4 channels, a clone for one), cv::Canny(grey,
+// 10, 30, 3, L1), cv::findContours(RETR_LIST, CHAIN_APPROX_SIMPLE), each
+// contour's cv::boundingRect as an inclusive vyra::Rect, merged and sorted in
+// a std::set. Empty frames and frames that are not 8-bit with 1, 3 or 4
+// channels give no boxes.
+std::vector<vyra::Rect> plainPipelineObjects(const cv::Mat& frame);
+
+// A catalogue of frames for comparing detectors: every combination of the
+// given sizes (width x height) with 1, 3 and 4 channels and several contents
+// (coloured blocks, uniform noise, faint noise, shapes touching all four
+// borders, a smooth ramp, one colour), in that order, each as BGR, grey and
+// BGRA.
+std::vector<cv::Mat> detectionCatalogue(const std::vector<cv::Size>& sizes);
+
+}  // namespace vyra_test

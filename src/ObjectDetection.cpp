@@ -1,0 +1,82 @@
+#include "ObjectDetection.h"
+
+#include <set>
+
+#include <opencv2/imgproc.hpp>
+#include <opencv2/imgproc/imgproc_c.h>
+
+namespace vyra {
+namespace detail {
+
+void DetectionWorkspace::StorageDeleter::operator()(CvMemStorage* storage) const {
+    cvReleaseMemStorage(&storage);
+}
+
+DetectionWorkspace::DetectionWorkspace() = default;
+
+DetectionWorkspace::~DetectionWorkspace() = default;
+
+bool DetectionWorkspace::readGrey(const cv::Mat& frame) {
+    if (frame.empty() || frame.depth() != CV_8U) return false;
+    switch (frame.channels()) {
+    case 1:
+        frame.copyTo(grey_);
+        return true;
+    case 3:
+    case 4:
+        cv::cvtColor(frame, grey_, cv::COLOR_BGR2GRAY);
+        return true;
+    default:
+        return false;
+    }
+}
+
+void DetectionWorkspace::findEdges() {
+    // cv::Canny(grey, ...) takes 3x3 Sobel derivatives with replicated
+    // borders; computing them here into kept buffers and handing them to the
+    // derivative form of Canny gives the same edges.
+    cv::spatialGradient(grey_, dx_, dy_, 3, cv::BORDER_REPLICATE);
+    edges_.create(grey_.rows + 2, grey_.cols + 2, CV_8UC1);
+    edges_.row(0).setTo(0);
+    edges_.row(edges_.rows - 1).setTo(0);
+    edges_.col(0).setTo(0);
+    edges_.col(edges_.cols - 1).setTo(0);
+    cv::Mat inner = edges_(cv::Rect(1, 1, grey_.cols, grey_.rows));
+    const uchar* const innerData = inner.data;
+    cv::Canny(dx_, dy_, inner, 10.0, 30.0, false);
+    CV_Assert(inner.data == innerData);  // written in place, not reallocated
+}
+
+std::vector<Rect> DetectionWorkspace::contourBoxes() {
+    // cv::findContours copies its input into a new matrix with a one-pixel
+    // zero frame and traces that with the C routine. edges_ already is such a
+    // matrix, so the routine runs on it directly; the offset gives points in
+    // the coordinates of the inner edge map, as cv::findContours does.
+    if (storage_) {
+        cvClearMemStorage(storage_.get());
+    } else {
+        storage_.reset(cvCreateMemStorage(0));
+    }
+    CvMat edges = cvMat(edges_);
+    CvSeq* first = nullptr;
+    cvFindContours(&edges, storage_.get(), &first, sizeof(CvContour), CV_RETR_LIST, CV_CHAIN_APPROX_SIMPLE,
+                   cvPoint(-1, -1));
+    std::set<Rect> boxes;
+    // RETR_LIST links every contour on one level, through h_next.
+    for (CvSeq* contour = first; contour != nullptr; contour = contour->h_next) {
+        points_.resize(static_cast<size_t>(contour->total));
+        if (!points_.empty()) cvCvtSeqToArray(contour, points_.data());
+        const cv::Rect box = cv::boundingRect(points_);
+        boxes.insert(Rect(box.x, box.y, box.x + box.width - 1, box.y + box.height - 1));
+    }
+    return std::vector<Rect>(boxes.begin(), boxes.end());
+}
+
+std::vector<Rect> DetectionWorkspace::Detect(const cv::Mat& frame) {
+    if (!readGrey(frame)) return {};
+    findEdges();
+    return contourBoxes();
+}
+
+}  // namespace detail
+}  // namespace vyra
