@@ -16,19 +16,47 @@ DetectionWorkspace::DetectionWorkspace() = default;
 
 DetectionWorkspace::~DetectionWorkspace() = default;
 
+namespace {
+
+size_t cacheLines(size_t bytes) { return (bytes + 63) / 64 * 64; }
+
+}  // namespace
+
+void DetectionWorkspace::layOut(cv::Size size) {
+    if (size == laidOut_) return;
+    laidOut_ = size;
+    const size_t pixels = static_cast<size_t>(size.area());
+    const size_t greyBytes = cacheLines(pixels);
+    const size_t gradientBytes = cacheLines(pixels * sizeof(short));
+    const size_t edgeBytes = cacheLines(static_cast<size_t>(size.width + 2) * static_cast<size_t>(size.height + 2));
+    const size_t total = greyBytes + 2 * gradientBytes + edgeBytes;
+    unsigned char* block = total >= LargePageBlock::kAlignment ? block_.Reserve(total) : nullptr;
+    if (block == nullptr) {
+        // OpenCV allocates each buffer when first written.
+        grey_.release();
+        dx_.release();
+        dy_.release();
+        edges_.release();
+        return;
+    }
+    grey_ = cv::Mat(size, CV_8UC1, block);
+    dx_ = cv::Mat(size, CV_16SC1, block + greyBytes);
+    dy_ = cv::Mat(size, CV_16SC1, block + greyBytes + gradientBytes);
+    edges_ = cv::Mat(size.height + 2, size.width + 2, CV_8UC1, block + greyBytes + 2 * gradientBytes);
+}
+
 bool DetectionWorkspace::readGrey(const cv::Mat& frame) {
-    if (frame.empty() || frame.depth() != CV_8U) return false;
-    switch (frame.channels()) {
-    case 1:
-        frame.copyTo(grey_);
-        return true;
-    case 3:
-    case 4:
-        cv::cvtColor(frame, grey_, cv::COLOR_BGR2GRAY);
-        return true;
-    default:
+    const int channels = frame.channels();
+    if (frame.empty() || frame.depth() != CV_8U || (channels != 1 && channels != 3 && channels != 4)) {
         return false;
     }
+    layOut(frame.size());
+    if (channels == 1) {
+        frame.copyTo(grey_);
+    } else {
+        cv::cvtColor(frame, grey_, cv::COLOR_BGR2GRAY);
+    }
+    return true;
 }
 
 void DetectionWorkspace::findEdges() {
