@@ -64,6 +64,7 @@ void DetectionWorkspace::findEdges() {
     // borders; computing them here into kept buffers and handing them to the
     // derivative form of Canny gives the same edges.
     cv::spatialGradient(grey_, dx_, dy_, 3, cv::BORDER_REPLICATE);
+    // The frame around the edge map is background for the contour routine.
     edges_.create(grey_.rows + 2, grey_.cols + 2, CV_8UC1);
     edges_.row(0).setTo(0);
     edges_.row(edges_.rows - 1).setTo(0);

@@ -34,7 +34,9 @@ namespace detail {
  * that image's result instead of a detection of its own.
  *
  * Results are computed by the calling thread and, when asked for, one worker
- * thread that works a bounded distance ahead of the last index provided. A
+ * thread that works a bounded distance ahead of the last index provided.
+ * Each of the two detects in a DetectionWorkspace of its own, kept for the
+ * prefetcher's life. A
  * result reaches an Image only through Provide(), on the calling thread, so
  * each Image ends up with exactly what its own accessors would have
  * computed, and only the Images the search reached are touched. The worker
