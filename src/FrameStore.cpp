@@ -2,6 +2,10 @@
 
 #include <algorithm>
 #include <cstring>
+#include <new>
+#include <utility>
+
+#include "LargeFrameAllocator.h"
 
 namespace vyra {
 namespace detail {
@@ -20,7 +24,47 @@ bool sameRows(const cv::Mat& frame, int y, const cv::Mat& band) {
     return true;
 }
 
+// Band memory is taken from blocks of this size (bands larger than that get
+// a block of their own).
+constexpr size_t kBlockBytes = size_t(8) << 20;
+
 }  // namespace
+
+FrameStore::FrameStore() = default;
+
+FrameStore::~FrameStore() {
+    frames_.clear();
+    for (const Block& block : blocks_) ReleaseLargeBlock(block.data, block.size);
+}
+
+FrameStore::FrameStore(FrameStore&& other) noexcept
+    : frames_(std::move(other.frames_)),
+      blocks_(std::exchange(other.blocks_, {})),
+      bytesHeld_(std::exchange(other.bytesHeld_, 0)) {}
+
+FrameStore& FrameStore::operator=(FrameStore&& other) noexcept {
+    if (this != &other) {
+        FrameStore old(std::move(*this));
+        frames_ = std::move(other.frames_);
+        blocks_ = std::exchange(other.blocks_, {});
+        bytesHeld_ = std::exchange(other.bytesHeld_, 0);
+    }
+    return *this;
+}
+
+uchar* FrameStore::reserve(size_t bytes) {
+    if (blocks_.empty() || blocks_.back().size - blocks_.back().used < bytes) {
+        blocks_.reserve(blocks_.size() + 1);
+        const size_t size = std::max(bytes, kBlockBytes);
+        void* data = MapLargeBlock(size);
+        if (data == nullptr) throw std::bad_alloc();
+        blocks_.push_back(Block{static_cast<uchar*>(data), size, 0});
+    }
+    Block& block = blocks_.back();
+    uchar* room = block.data + block.used;
+    block.used = std::min(block.size, (block.used + bytes + 15) / 16 * 16);  // keeps bands 16-byte aligned
+    return room;
+}
 
 bool FrameStore::Append(const cv::Mat& frame) {
     CV_Assert(frame.dims <= 2);
@@ -42,8 +86,11 @@ bool FrameStore::Append(const cv::Mat& frame) {
             continue;
         }
         allShared = false;
-        bands->push_back(frame.rowRange(y, y + rows).clone());
-        added += bands->back().total() * bands->back().elemSize();
+        const cv::Mat source = frame.rowRange(y, y + rows);
+        cv::Mat kept(rows, frame.cols, frame.type(), reserve(source.total() * source.elemSize()));
+        source.copyTo(kept);
+        bands->push_back(kept);
+        added += kept.total() * kept.elemSize();
     }
     entry.sameAsPrevious = allShared;
     if (allShared) {
@@ -73,6 +120,7 @@ cv::Mat FrameStore::Load(size_t k) const {
 
 void FrameStore::LoadInto(size_t k, cv::Mat& pixels) const {
     const Frame& frame = frames_.at(k);
+    UseLargeFrameMemory(pixels);
     pixels.create(frame.rows, frame.cols, frame.type);
     int y = 0;
     for (const cv::Mat& band : *frame.bands) {

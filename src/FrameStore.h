@@ -20,6 +20,10 @@ namespace detail {
  * changes little from one frame to the next, so the store holds roughly the
  * bytes of the rows that changed: for a still page, one frame.
  *
+ * Band bytes are copied into large blocks of memory owned by the store
+ * (see LargeFrameAllocator.h), so keeping a band costs no allocation of its
+ * own. A store can be moved, not copied.
+ *
  * Thread safety: Append() must not run concurrently with anything else; the
  * const members may run from several threads at once.
  */
@@ -27,10 +31,18 @@ class FrameStore {
 public:
     static constexpr int kBandRows = 16;
 
+    FrameStore();
+    ~FrameStore();
+    FrameStore(FrameStore&& other) noexcept;
+    FrameStore& operator=(FrameStore&& other) noexcept;
+    FrameStore(const FrameStore&) = delete;
+    FrameStore& operator=(const FrameStore&) = delete;
+
     /**
      * Appends a copy of @p frame (two-dimensional, any type; an empty matrix
      * is kept as an empty frame). Returns SameAsPrevious() of the new frame.
-     * Strong guarantee: on an exception (memory) the store is unchanged.
+     * Throws std::bad_alloc when memory runs out; the frames appended before
+     * stay as they were.
      */
     bool Append(const cv::Mat& frame);
 
@@ -46,12 +58,16 @@ public:
     /** Width and height of frame @p k. */
     cv::Size FrameSize(size_t k) const;
 
-    /** A fresh continuous copy of frame @p k (an empty matrix for an empty frame). */
+    /**
+     * A fresh continuous copy of frame @p k (an empty matrix for an empty
+     * frame), in memory from LargeFrameAllocator().
+     */
     cv::Mat Load(size_t k) const;
 
     /**
      * Copies frame @p k into @p pixels, reusing its buffer when it has the
-     * size and type already (pass a matrix whose buffer nothing else reads).
+     * size and type already (pass a matrix whose buffer nothing else reads);
+     * a new buffer comes from LargeFrameAllocator().
      */
     void LoadInto(size_t k, cv::Mat& pixels) const;
 
@@ -69,7 +85,17 @@ private:
         bool sameAsPrevious = false;
     };
 
+    // Room for @p bytes in the current block, or in a new one.
+    uchar* reserve(size_t bytes);
+
+    struct Block {
+        uchar* data = nullptr;
+        size_t size = 0;
+        size_t used = 0;
+    };
+
     std::vector<Frame> frames_;
+    std::vector<Block> blocks_;
     size_t bytesHeld_ = 0;
 };
 

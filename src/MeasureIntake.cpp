@@ -16,6 +16,7 @@
 #include <opencv2/imgproc.hpp>
 
 #include "ImageCacheAccess.h"
+#include "LargeFrameAllocator.h"
 #include "VyraFrameSource.h"
 #include "VyraImage.h"
 
@@ -224,6 +225,7 @@ public:
             frame.pixels = std::move(spare_.back());
             spare_.pop_back();
         }
+        UseLargeFrameMemory(frame.pixels);
         changed_.notify_all();
     }
 
@@ -376,6 +378,7 @@ Intake ReadRecording(const std::string& path, const MeasureOptions& options, boo
     {
         FrameProcessor processor(options, intake);
         SourceFrame frame;
+        UseLargeFrameMemory(frame.pixels);
         size_t count = 0;
         try {
             while (source->Next(frame)) {

@@ -6,6 +6,8 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <cstdint>
+#include <cstring>
 #include <string>
 #include <thread>
 #include <vector>
@@ -14,6 +16,7 @@
 #include <opencv2/imgproc.hpp>
 
 #include "FrameStore.h"
+#include "LargeFrameAllocator.h"
 #include "LoadWindow.h"
 #include "VyraAnalyzer.h"
 #include "VyraMeasure.h"
@@ -120,12 +123,80 @@ TEST(FrameStore, LoadIntoReusesABufferOfTheRightSizeOnly) {
     EXPECT_TRUE(sameBytes(buffer, store.Load(2)));
 }
 
+TEST(FrameStore, BandsLargerThanAMemoryBlockAndMovedStoresKeepTheirPixels) {
+    // One band of this frame holds 16 x 180000 x 3 bytes, more than a block.
+    const cv::Mat wide = noise(20, 180000, CV_8UC3, 41);
+    const cv::Mat small = noise(30, 40, CV_8UC1, 42);
+    FrameStore store;
+    store.Append(small);
+    store.Append(wide);
+    store.Append(small);
+    FrameStore moved(std::move(store));
+    FrameStore assigned;
+    assigned.Append(noise(5, 5, CV_8UC3, 43));
+    assigned = std::move(moved);
+    ASSERT_EQ(assigned.Size(), 3u);
+    EXPECT_TRUE(sameBytes(assigned.Load(0), small));
+    EXPECT_TRUE(sameBytes(assigned.Load(1), wide));
+    EXPECT_TRUE(sameBytes(assigned.Load(2), small));
+    EXPECT_EQ(assigned.BytesHeld(), 2 * bytesOf(small) + bytesOf(wide));
+}
+
 TEST(FrameStore, EmptyFramesAreKeptAsEmpty) {
     FrameStore store;
     store.Append(cv::Mat());
     EXPECT_TRUE(store.Append(cv::Mat()));
     EXPECT_TRUE(store.Load(1).empty());
     EXPECT_EQ(store.BytesHeld(), 0u);
+}
+
+// ---- LargeFrameAllocator
+
+bool hugePageAligned(const void* p) { return reinterpret_cast<std::uintptr_t>(p) % (size_t(2) << 20) == 0; }
+
+TEST(LargeFrameMemory, FrameSizedMatricesAreMappedAlignedSmallOnesAreNot) {
+    using vyra::detail::LargeFrameAllocator;
+    cv::Mat frame;
+    vyra::detail::UseLargeFrameMemory(frame);
+    frame.create(1920, 1080, CV_8UC3);
+    ASSERT_NE(frame.u, nullptr);
+    EXPECT_EQ(frame.u->currAllocator, LargeFrameAllocator());
+    EXPECT_TRUE(hugePageAligned(frame.data));
+    frame.setTo(cv::Scalar(1, 2, 3));  // every byte writable
+    EXPECT_EQ(cv::sum(frame), cv::Scalar(1920.0 * 1080, 2 * 1920.0 * 1080, 3 * 1920.0 * 1080, 0));
+
+    // Shared and copied like any matrix; the last reference frees it.
+    cv::Mat shared = frame;
+    frame.release();
+    EXPECT_EQ(shared.at<cv::Vec3b>(1919, 1079), cv::Vec3b(1, 2, 3));
+    shared.release();
+
+    cv::Mat small;
+    vyra::detail::UseLargeFrameMemory(small);
+    small.create(100, 100, CV_8UC3);
+    EXPECT_NE(small.u->currAllocator, LargeFrameAllocator());
+
+    // Re-creating with the same size keeps the buffer; another size maps anew.
+    cv::Mat reused;
+    vyra::detail::UseLargeFrameMemory(reused);
+    reused.create(1000, 1000, CV_8UC3);
+    const uchar* data = reused.data;
+    reused.create(1000, 1000, CV_8UC3);
+    EXPECT_EQ(reused.data, data);
+    reused.create(2000, 1000, CV_8UC3);
+    EXPECT_EQ(reused.u->currAllocator, LargeFrameAllocator());
+    EXPECT_TRUE(hugePageAligned(reused.data));
+}
+
+TEST(LargeFrameMemory, RawBlocksAreAlignedAndWritable) {
+    for (const size_t bytes : {size_t(1), size_t(2) << 20, (size_t(2) << 20) + 1, size_t(13) << 20}) {
+        void* block = vyra::detail::MapLargeBlock(bytes);
+        ASSERT_NE(block, nullptr);
+        EXPECT_TRUE(hugePageAligned(block));
+        std::memset(block, 0x5a, bytes);
+        EXPECT_EQ(static_cast<unsigned char*>(block)[bytes - 1], 0x5a);
+        vyra::detail::ReleaseLargeBlock(block, bytes);
+    }
 }
 
 // ---- LoadWindow
