@@ -102,6 +102,10 @@ VYRA_API void transformImages2Mats(std::string dir, std::vector<cv::Mat>& mats,
  * owning its own buffer, and saves frame k as "frames/%08d.png" numbered from
  * 18938 (cv::imwrite, no parameters; failures ignored, folder not created).
  * A video that cannot be opened leaves @p mats untouched.
+ * The frames' buffers are mapped by libvyra itself (2 MB aligned, offered
+ * to the kernel for huge pages, which saves most of the page faults of
+ * touching them for the first time); they are released through libvyra, so
+ * a host that loads the library at run time releases them before unloading it.
  */
 VYRA_API void transformVideo2Mats(std::string path, std::vector<cv::Mat>& mats);
 

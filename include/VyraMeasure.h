@@ -80,8 +80,21 @@
  * name's number, its presentation timestamp, or index / fps.
  *
  * Frame intake lives in one place inside the library (a frame source per
- * kind of recording producing timed frames); the frames of the range are
- * held in memory at their decoded size for the analysis.
+ * kind of recording producing timed frames).
+ *
+ * Memory and threads: frames are decoded on the calling thread and handed
+ * to one library thread that prepares, saves, tracks and keeps them; at most
+ * a dozen decoded frames are in flight. The frames are kept for the analysis
+ * in bands of 16 rows, a band equal to the same band of the previous frame
+ * being shared, not copied: a recording costs about the bytes of the rows
+ * that changed from frame to frame (a still page, one frame; a recording in
+ * which every pixel changes every frame, every frame at full size). The
+ * analysis loads the frames it compares from there one at a time and gives
+ * them back as it moves on. The objects of the frames are detected while
+ * decoding goes on, once per run of equal frames; for a static page, those
+ * still unknown after the last frame are detected on two threads before the
+ * analysis. All threads are joined before Measure returns or throws, and
+ * the progress callback is only ever called on the calling thread.
  */
 #ifndef VYRA_MEASURE_H
 #define VYRA_MEASURE_H

@@ -264,6 +264,18 @@ public:
      */
     bool AddFrame(const cv::Mat& frame, double timeMs);
 
+    /**
+     * Adds the next frame when its pixels are byte-identical to those of the
+     * frame added last, shown from @p timeMs on. Records exactly what
+     * AddFrame() would record for that frame, without reading any pixel: a
+     * caller that already knows two frames are equal saves the scan.
+     *
+     * @return false, leaving the tracker unchanged, when no frame was added
+     *         yet, or @p timeMs is not finite or earlier than the previous
+     *         frame's time; else true.
+     */
+    bool AddRepeatedFrame(double timeMs);
+
     /** Number of frames taken so far. */
     int FrameCount() const;
 

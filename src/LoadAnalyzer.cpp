@@ -24,6 +24,7 @@
 #include <opencv2/videoio.hpp>
 
 #include "DefaultThresholds.h"
+#include "LargeFrameAllocator.h"
 #include "VyraAnalysisResults.h"
 #include "VyraAnalyzer.h"
 
@@ -372,6 +373,7 @@ void transformVideo2Mats(std::string path, std::vector<cv::Mat>& mats) {
     FrameSaver saver;
     for (int number = kFirstSavedFrameNumber;; ++number) {
         cv::Mat frame;
+        vyra::detail::UseLargeFrameMemory(frame);
         capture.read(frame);
         if (frame.empty()) {
             break;

@@ -259,14 +259,13 @@ public:
 
     bool Next(SourceFrame& frame) override {
         skipToRange();
-        cv::Mat pixels;
         double timeMs = 0.0;
         bool estimated = false;
-        if (position_ >= stop_ || ended_ || !decode(&pixels, timeMs, estimated)) {
+        // Decodes into the frame's buffer, reusing it when it has the size.
+        if (position_ >= stop_ || ended_ || !decode(&frame.pixels, timeMs, estimated)) {
             checkNotEmpty();
             return false;
         }
-        frame.pixels = pixels;
         frame.timeMs = timeMs;
         frame.timeEstimated = estimated;
         frame.label = "frame " + std::to_string(position_ - 1);

@@ -42,7 +42,9 @@ public:
     virtual ~FrameSource();
 
     // The next frame of the range; false after the last one. Throws
-    // VYRA_ERROR_EMPTY when the range turns out to hold no frame.
+    // VYRA_ERROR_EMPTY when the range turns out to hold no frame. A video
+    // frame is decoded into frame.pixels' own buffer when it has the size and
+    // type, so pass a buffer nothing else still reads (or an empty one).
     virtual bool Next(SourceFrame& frame) = 0;
 
     // Frames the range is expected to hold; 0 when unknown. A video's count

@@ -268,6 +268,22 @@ bool VisualProgressTracker::AddFrame(const cv::Mat& frame, double timeMs) {
     return true;
 }
 
+bool VisualProgressTracker::AddRepeatedFrame(double timeMs) {
+    State& s = *state_;
+    if (s.frames.empty() || !std::isfinite(timeMs) || timeMs < s.frames.back().timeMs) {
+        return false;
+    }
+    // Equal pixels: the same histogram and pixel count, no changed block
+    // against the previous frame, and against frame 0 the comparison the
+    // previous frame already made. The block sums stay those of the previous
+    // frame.
+    FrameRecord record = s.frames.back();
+    record.timeMs = timeMs;
+    record.changedFraction = 0.0;
+    s.frames.push_back(record);
+    return true;
+}
+
 int VisualProgressTracker::FrameCount() const {
     return static_cast<int>(state_->frames.size());
 }

@@ -9,6 +9,7 @@
 // not be re-recorded to make an optimisation pass.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cinttypes>
 #include <cstdio>
 #include <cstdlib>
@@ -22,6 +23,7 @@
 
 #include "LoadAnalyzer.h"
 #include "VyraAnalyzer.h"
+#include "VyraMeasure.h"
 #include "capture.h"
 #include "fixtures.h"
 #include "VyraSample.h"
@@ -201,6 +203,125 @@ TEST(RegressionPins, AnalyseVideoWithSavedFrames) {
         text += line;
     }
     expectPinned("analyse_video", text);
+}
+
+// ---- vyra::Measure: every field of the result and the frames it saved.
+// Pinned before the measurement API was made to stream its frames.
+
+std::string describeKey(const char* name, const vyra::KeyFrame& key) {
+    return std::string(name) + " " + std::to_string(key.index) + " " + exact(key.time) + "\n";
+}
+
+std::string describeSeries(const char* name, const std::vector<double>& values) {
+    std::string text = name;
+    for (double value : values) text += " " + exact(value);
+    return text + "\n";
+}
+
+std::string describe(const vyra::MeasureResult& r) {
+    std::string text = describe(r.analysis);
+    text += "frameCount " + std::to_string(r.frameCount) + "\nframeSize " + std::to_string(r.frameWidth) +
+            "x" + std::to_string(r.frameHeight) + "\nlaunchTime " + exact(r.launchTime) +
+            "\nestimatedTimeCount " + std::to_string(r.estimatedTimeCount) + "\n";
+    text += describeSeries("frameTimes", r.frameTimes);
+    text += describeKey("loadFinished", r.loadFinished) + describeKey("baseline", r.baseline) +
+            describeKey("logoAppear", r.logoAppear) + describeKey("logoDisappear", r.logoDisappear) +
+            describeKey("firstFrame", r.firstFrame) + describeKey("motionStart", r.motionStart) +
+            describeKey("firstVisualChange", r.firstVisualChange) +
+            describeKey("lastVisualChange", r.lastVisualChange) +
+            describeKey("visuallyComplete85", r.visuallyComplete85) +
+            describeKey("visuallyComplete95", r.visuallyComplete95) +
+            describeKey("visuallyComplete99", r.visuallyComplete99);
+    text += "speedIndexMs " + exact(r.speedIndexMs) + "\n";
+    text += describeSeries("progress", r.visual.progress);
+    text += describeSeries("changedFraction", r.visual.changedFraction);
+    return text;
+}
+
+// Names and FNV-1a hashes of the files in @p dir, in name order.
+std::string describeFiles(const path& dir) {
+    std::vector<path> files;
+    for (const auto& entry : vyra_test::fs::directory_iterator(dir)) files.push_back(entry.path());
+    std::sort(files.begin(), files.end());
+    std::string text = "files " + std::to_string(files.size()) + "\n";
+    for (const path& file : files) {
+        char line[96];
+        std::snprintf(line, sizeof line, "%s %016" PRIx64 "\n", file.filename().c_str(), fileHash(file));
+        text += line;
+    }
+    return text;
+}
+
+// Frames named 0000.png, 0001.png, ...
+void writeNumberedFolder(const path& dir, const std::vector<cv::Mat>& frames) {
+    std::vector<std::string> names;
+    for (size_t k = 0; k < frames.size(); ++k) {
+        char name[32];
+        std::snprintf(name, sizeof name, "%04zu.png", k);
+        names.push_back(name);
+    }
+    vyra_test::writePngFolder(dir, names, frames);
+}
+
+vyra::MeasureOptions atFrameRate(double fps) {
+    vyra::MeasureOptions options;
+    options.timing = vyra::Timing::FrameRate;
+    options.fps = fps;
+    return options;
+}
+
+TEST(RegressionPins, MeasureVideoWithSavedFrames) {
+    vyra_test::TempDir work;
+    vyra::sample::WriteSampleVideo((work / "launch.mp4").string(), smallSample(8));
+    vyra::MeasureOptions options;
+    options.saveFramesDir = (work / "saved").string();
+    const std::string text = describe(vyra::Measure((work / "launch.mp4").string(), options));
+    expectPinned("measure_video", text + describeFiles(work / "saved"));
+}
+
+TEST(RegressionPins, MeasureTimestampFolderRangeAndNextFrame) {
+    vyra_test::TempDir work;
+    vyra::sample::SampleOptions sample = smallSample(9);
+    sample.timeJitter = 0.3;
+    vyra::sample::WriteSampleFrames((work / "in").string(), sample);
+    vyra::MeasureOptions options;
+    options.start = 2;
+    options.end = 27;
+    options.launchTimeMode = vyra::LaunchTimeMode::NextFrame;
+    expectPinned("measure_timestamp_folder", describe(vyra::Measure((work / "in").string(), options)));
+}
+
+TEST(RegressionPins, MeasureMixedSizesStaticAndStable) {
+    vyra_test::TempDir work;
+    writeNumberedFolder(work / "in", mixedSizeFrames());
+    vyra::MeasureOptions options = atFrameRate(10.0);
+    std::string text = describe(vyra::Measure((work / "in").string(), options));
+    options.stableBaseline = true;
+    text += describe(vyra::Measure((work / "in").string(), options));
+    expectPinned("measure_mixed_sizes", text);
+}
+
+TEST(RegressionPins, MeasureDynamicPages) {
+    vyra_test::TempDir work;
+    writeNumberedFolder(work / "scroll", scrollingFrames());
+    writeNumberedFolder(work / "sample", sampleFrames(180, 320, 10));
+    vyra::MeasureOptions options = atFrameRate(30.0);
+    options.pageType = DYNAMIC_PAGE;
+    std::string text = describe(vyra::Measure((work / "scroll").string(), options));
+    text += describe(vyra::Measure((work / "sample").string(), options));
+    expectPinned("measure_dynamic", text);
+}
+
+TEST(RegressionPins, MeasureCropIgnoreStableWithSavedFrames) {
+    vyra_test::TempDir work;
+    writeNumberedFolder(work / "in", sampleFrames(180, 320, 11));
+    vyra::MeasureOptions options = atFrameRate(10.0);
+    options.crop = vyra::Region{0, 10, 180, 300};
+    options.ignore = {vyra::Region{0, 0, 180, 12}, vyra::Region{60, 150, 40, 20}};
+    options.stableBaseline = true;
+    options.saveFramesDir = (work / "saved").string();
+    const std::string text = describe(vyra::Measure((work / "in").string(), options));
+    expectPinned("measure_crop_ignore", text + describeFiles(work / "saved"));
 }
 
 }  // namespace

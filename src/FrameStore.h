@@ -1,0 +1,105 @@
+// Internal: frames kept in memory for an analysis that runs after they were
+// read, at a fraction of their decoded size.
+#ifndef VYRA_FRAME_STORE_H
+#define VYRA_FRAME_STORE_H
+
+#include <cstddef>
+#include <memory>
+#include <vector>
+
+#include <opencv2/core.hpp>
+
+namespace vyra {
+namespace detail {
+
+/**
+ * Each frame is cut into horizontal bands of kBandRows rows (the last one
+ * shorter). A band whose bytes equal those of the same band of the previous
+ * frame (same size and type) is shared with it instead of copied, and a frame
+ * equal to the previous one shares its whole band list. A screen recording
+ * changes little from one frame to the next, so the store holds roughly the
+ * bytes of the rows that changed: for a still page, one frame.
+ *
+ * Band bytes are copied into large blocks of memory owned by the store
+ * (see LargeFrameAllocator.h), so keeping a band costs no allocation of its
+ * own. A store can be moved, not copied.
+ *
+ * Thread safety: Append() must not run concurrently with anything else; the
+ * const members may run from several threads at once.
+ */
+class FrameStore {
+public:
+    static constexpr int kBandRows = 16;
+
+    FrameStore();
+    ~FrameStore();
+    FrameStore(FrameStore&& other) noexcept;
+    FrameStore& operator=(FrameStore&& other) noexcept;
+    FrameStore(const FrameStore&) = delete;
+    FrameStore& operator=(const FrameStore&) = delete;
+
+    /**
+     * Appends a copy of @p frame (two-dimensional, any type; an empty matrix
+     * is kept as an empty frame). Returns SameAsPrevious() of the new frame.
+     * Throws std::bad_alloc when memory runs out; the frames appended before
+     * stay as they were.
+     */
+    bool Append(const cv::Mat& frame);
+
+    /** Number of frames appended. */
+    size_t Size() const;
+
+    /**
+     * True when frame @p k (0 < k < Size()) has the size, type and bytes of
+     * frame k - 1; false for frame 0.
+     */
+    bool SameAsPrevious(size_t k) const;
+
+    /** Width and height of frame @p k. */
+    cv::Size FrameSize(size_t k) const;
+
+    /**
+     * A fresh continuous copy of frame @p k (an empty matrix for an empty
+     * frame), in memory from LargeFrameAllocator().
+     */
+    cv::Mat Load(size_t k) const;
+
+    /**
+     * Copies frame @p k into @p pixels, reusing its buffer when it has the
+     * size and type already (pass a matrix whose buffer nothing else reads);
+     * a new buffer comes from LargeFrameAllocator().
+     */
+    void LoadInto(size_t k, cv::Mat& pixels) const;
+
+    /** Pixel bytes held, every shared band counted once. */
+    size_t BytesHeld() const;
+
+private:
+    using Bands = std::vector<cv::Mat>;
+
+    struct Frame {
+        int rows = 0;
+        int cols = 0;
+        int type = 0;
+        std::shared_ptr<const Bands> bands;
+        bool sameAsPrevious = false;
+    };
+
+    // Room for @p bytes in the current block, or in a new one.
+    uchar* reserve(size_t bytes);
+
+    struct Block {
+        uchar* data = nullptr;
+        size_t size = 0;
+        size_t used = 0;
+    };
+
+    std::vector<Frame> frames_;
+    std::vector<Block> blocks_;
+    size_t bytesHeld_ = 0;
+};
+
+}  // namespace detail
+}  // namespace vyra
+
+#endif  // VYRA_FRAME_STORE_H

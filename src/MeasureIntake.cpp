@@ -1,0 +1,405 @@
+#include "MeasureIntake.h"
+
+#include <algorithm>
+#include <atomic>
+#include <condition_variable>
+#include <cstdio>
+#include <deque>
+#include <exception>
+#include <filesystem>
+#include <mutex>
+#include <system_error>
+#include <thread>
+#include <utility>
+
+#include <opencv2/imgcodecs.hpp>
+#include <opencv2/imgproc.hpp>
+
+#include "ImageCacheAccess.h"
+#include "LargeFrameAllocator.h"
+#include "VyraFrameSource.h"
+#include "VyraImage.h"
+
+namespace vyra {
+namespace detail {
+
+namespace fs = std::filesystem;
+
+std::string DescribeRegion(const Region& region) {
+    return std::to_string(region.x) + "," + std::to_string(region.y) + "," +
+           std::to_string(region.width) + "," + std::to_string(region.height);
+}
+
+double RelativeTimeMs(size_t index, const std::vector<double>& rawTimesMs, const MeasureOptions& options) {
+    return options.timing == Timing::FrameRate ? static_cast<double>(index) * 1000.0 / options.fps
+                                               : rawTimesMs[index] - rawTimesMs.front();
+}
+
+namespace {
+
+// Decoded frames waiting for the processing thread; the decoder stays at
+// most this far ahead.
+const size_t kQueuedFrames = 12;
+
+cv::Rect toRect(const Region& region) { return cv::Rect(region.x, region.y, region.width, region.height); }
+
+// Per-channel median of the pixels of @p frame inside @p area that are not
+// inside @p hole.
+cv::Scalar medianColour(const cv::Mat& frame, const cv::Rect& area, const cv::Rect& hole) {
+    const int channels = frame.channels();
+    std::vector<std::vector<unsigned char>> values(static_cast<size_t>(channels));
+    for (int y = area.y; y < area.y + area.height; ++y) {
+        const unsigned char* row = frame.ptr<unsigned char>(y);
+        for (int x = area.x; x < area.x + area.width; ++x) {
+            if (hole.contains(cv::Point(x, y))) {
+                continue;
+            }
+            for (int c = 0; c < channels; ++c) {
+                values[static_cast<size_t>(c)].push_back(row[x * channels + c]);
+            }
+        }
+    }
+    cv::Scalar colour;
+    for (int c = 0; c < channels && c < 4; ++c) {
+        std::vector<unsigned char>& v = values[static_cast<size_t>(c)];
+        if (v.empty()) {
+            continue;
+        }
+        std::nth_element(v.begin(), v.begin() + static_cast<long>(v.size() / 2), v.end());
+        colour[c] = v[v.size() / 2];
+    }
+    return colour;
+}
+
+// The flat colour an ignore region is painted in: the median of the ring of
+// pixels just outside it, or of its own outermost pixels when it covers the
+// whole frame.
+cv::Scalar ignoreColour(const cv::Mat& frame, const cv::Rect& region) {
+    const cv::Rect bounds(0, 0, frame.cols, frame.rows);
+    const cv::Rect ring = cv::Rect(region.x - 1, region.y - 1, region.width + 2, region.height + 2) & bounds;
+    if (ring.area() > region.area()) {
+        return medianColour(frame, ring, region);
+    }
+    const cv::Rect inner(region.x + 1, region.y + 1, std::max(region.width - 2, 0),
+                         std::max(region.height - 2, 0));
+    return medianColour(frame, region, inner);
+}
+
+// Paints the ignore regions and cuts the crop out of every frame; the paint
+// colours are taken from the first frame it sees.
+class FramePreparer {
+public:
+    explicit FramePreparer(const MeasureOptions& options) : options_(options) {}
+
+    // The frame to analyse; paints @p decoded in place, and shares its pixels
+    // when there is no crop.
+    cv::Mat Prepare(cv::Mat& decoded, const std::string& label) {
+        for (const Region& region : options_.ignore) {
+            checkInside(region, decoded, label, "ignore");
+        }
+        if (options_.crop) {
+            checkInside(*options_.crop, decoded, label, "crop");
+        }
+        if (colours_.empty()) {
+            for (const Region& region : options_.ignore) {
+                colours_.push_back(ignoreColour(decoded, toRect(region)));
+            }
+        }
+        for (size_t k = 0; k < options_.ignore.size(); ++k) {
+            cv::rectangle(decoded, toRect(options_.ignore[k]), colours_[k], cv::FILLED);
+        }
+        return options_.crop ? decoded(toRect(*options_.crop)) : decoded;
+    }
+
+private:
+    static void checkInside(const Region& region, const cv::Mat& frame, const std::string& label,
+                            const char* what) {
+        const cv::Rect rect = toRect(region);
+        if ((rect & cv::Rect(0, 0, frame.cols, frame.rows)) != rect) {
+            throw MeasureError(VYRA_ERROR_INVALID_ARGUMENT,
+                               std::string(what) + " region " + DescribeRegion(region) +
+                                   " does not lie inside " + label + " (" +
+                                   std::to_string(frame.cols) + "x" + std::to_string(frame.rows) + ")");
+        }
+    }
+
+    const MeasureOptions& options_;
+    std::vector<cv::Scalar> colours_;
+};
+
+// Writes the analysed frames as dir/%08d.png.
+class FrameSaver {
+public:
+    explicit FrameSaver(const std::string& dir) : dir_(dir) {
+        if (dir_.empty()) {
+            return;
+        }
+        std::error_code error;
+        fs::create_directories(dir_, error);
+        if (error || !fs::is_directory(dir_)) {
+            throw MeasureError(VYRA_ERROR_WRITE, "cannot create folder '" + dir_ + "'" +
+                                                     (error ? ": " + error.message() : ""));
+        }
+    }
+
+    void Save(const cv::Mat& frame, size_t index) const {
+        if (dir_.empty()) {
+            return;
+        }
+        char name[32];
+        std::snprintf(name, sizeof name, "%08zu.png", index);
+        const std::string file = (fs::path(dir_) / name).string();
+        bool written = false;
+        try {
+            written = cv::imwrite(file, frame);
+        } catch (const cv::Exception&) {
+            written = false;
+        }
+        if (!written) {
+            throw MeasureError(VYRA_ERROR_WRITE, "cannot write frame file '" + file + "'");
+        }
+    }
+
+private:
+    std::string dir_;
+};
+
+void report(const MeasureOptions& options, MeasureStage stage, size_t done, size_t total) {
+    if (options.progress) {
+        options.progress(stage, done, total);
+    }
+}
+
+// The objects of stored frame @p k as Image would detect them; null when the
+// detection fails (the Image's own accessor then meets the failure itself).
+// @p pixels is the caller's scratch buffer for the frame.
+std::shared_ptr<const FrameObjects> detectStored(const FrameStore& store, size_t k, cv::Mat& pixels) {
+    try {
+        store.LoadInto(k, pixels);
+        auto found = std::make_shared<FrameObjects>();
+        found->objects = Image::DetectObjects(pixels);
+        found->contentRatio = ImageCacheAccess::RatioOf(Rect::CalculateTotalArea(found->objects), pixels);
+        found->size = pixels.size();
+        return found;
+    } catch (...) {
+        return nullptr;
+    }
+}
+
+// The second thread of the intake. Frames arrive in order through a short
+// queue; each is prepared, saved, timed, tracked and stored, and its decode
+// buffer goes back to the decoder. While the queue is empty the thread
+// detects the objects of the stored frames, in order, once per run of equal
+// frames. The first failure stops the thread and is rethrown to the decoder.
+class FrameProcessor {
+public:
+    FrameProcessor(const MeasureOptions& options, Intake& intake)
+        : options_(options),
+          intake_(intake),
+          preparer_(options),
+          saver_(options.saveFramesDir),
+          tracker_(options.visualProgress),
+          thread_(&FrameProcessor::run, this) {}
+
+    ~FrameProcessor() {
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            stopping_ = true;
+        }
+        changed_.notify_all();
+        if (thread_.joinable()) thread_.join();
+    }
+
+    FrameProcessor(const FrameProcessor&) = delete;
+    FrameProcessor& operator=(const FrameProcessor&) = delete;
+
+    // Queues @p frame and leaves a spare buffer (or nothing) in it to decode
+    // the next frame into. Throws the thread's failure instead once there is one.
+    void Push(SourceFrame& frame) {
+        std::unique_lock<std::mutex> lock(mutex_);
+        changed_.wait(lock, [this] { return failure_ || queue_.size() < kQueuedFrames; });
+        if (failure_) std::rethrow_exception(failure_);
+        queue_.push_back(std::move(frame));
+        frame = SourceFrame();
+        if (!spare_.empty()) {
+            frame.pixels = std::move(spare_.back());
+            spare_.pop_back();
+        }
+        UseLargeFrameMemory(frame.pixels);
+        changed_.notify_all();
+    }
+
+    // Processes what is queued, ends the thread and throws its failure, if any.
+    void Finish() {
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            ending_ = true;
+        }
+        changed_.notify_all();
+        if (thread_.joinable()) thread_.join();
+        if (failure_) std::rethrow_exception(failure_);
+    }
+
+private:
+    void run() {
+        std::unique_lock<std::mutex> lock(mutex_);
+        while (!stopping_ && !failure_) {
+            if (!queue_.empty()) {
+                SourceFrame frame = std::move(queue_.front());
+                queue_.pop_front();
+                changed_.notify_all();
+                lock.unlock();
+                std::exception_ptr failed;
+                try {
+                    process(frame);
+                } catch (...) {
+                    failed = std::current_exception();
+                }
+                lock.lock();
+                failure_ = failed;
+                spare_.push_back(std::move(frame.pixels));
+                changed_.notify_all();
+            } else if (ending_) {
+                break;
+            } else if (detectCursor_ < intake_.store.Size()) {
+                lock.unlock();
+                detectNextRun();
+                lock.lock();
+            } else {
+                changed_.wait(lock);
+            }
+        }
+        if (!failure_ && ending_ && queue_.empty()) {
+            try {
+                intake_.visual = tracker_.Finish();
+            } catch (...) {
+                failure_ = std::current_exception();
+            }
+        }
+    }
+
+    void process(SourceFrame& decoded) {
+        const size_t index = intake_.store.Size();
+        const cv::Mat frame = preparer_.Prepare(decoded.pixels, decoded.label);
+        saver_.Save(frame, index);
+        intake_.rawTimesMs.push_back(decoded.timeMs);
+        const double timeMs = RelativeTimeMs(index, intake_.rawTimesMs, options_);
+        intake_.objects.emplace_back();
+        const bool repeated = intake_.store.Append(frame);
+        const bool tracked = repeated ? tracker_.AddRepeatedFrame(timeMs) : tracker_.AddFrame(frame, timeMs);
+        if (!tracked) {
+            throw MeasureError(VYRA_ERROR_INTERNAL, "the visual progress cannot take " + decoded.label +
+                                                        " (unsupported pixels or a time before the "
+                                                        "previous frame's)");
+        }
+        intake_.estimatedTimeCount += decoded.timeEstimated ? 1 : 0;
+    }
+
+    // Detects the next stored frame that starts a run of equal frames.
+    void detectNextRun() {
+        const FrameStore& store = intake_.store;
+        while (detectCursor_ < store.Size() && store.SameAsPrevious(detectCursor_)) {
+            ++detectCursor_;
+        }
+        if (detectCursor_ < store.Size()) {
+            intake_.objects[detectCursor_] = detectStored(store, detectCursor_, scratch_);
+            ++detectCursor_;
+        }
+    }
+
+    const MeasureOptions& options_;
+    Intake& intake_;
+    FramePreparer preparer_;
+    const FrameSaver saver_;
+    VisualProgressTracker tracker_;
+    size_t detectCursor_ = 0;  // next stored frame to consider for detection
+    cv::Mat scratch_;          // the frame being detected
+
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    std::deque<SourceFrame> queue_;
+    std::vector<cv::Mat> spare_;
+    bool ending_ = false;
+    bool stopping_ = false;
+    std::exception_ptr failure_;
+    std::thread thread_;  // last: starts once everything above is set up
+};
+
+// Detects, on two threads, the objects of every frame that starts a run of
+// equal frames, has the size of the last frame and is not detected yet.
+void detectRemaining(Intake& intake) {
+    const FrameStore& store = intake.store;
+    if (store.Size() == 0) return;
+    const cv::Size last = store.FrameSize(store.Size() - 1);
+    std::vector<size_t> heads;
+    for (size_t k = 0; k < store.Size(); ++k) {
+        if (!intake.objects[k] && (k == 0 || !store.SameAsPrevious(k)) && store.FrameSize(k) == last) {
+            heads.push_back(k);
+        }
+    }
+    std::vector<std::shared_ptr<const FrameObjects>> found(heads.size());
+    std::atomic<size_t> next{0};
+    const auto work = [&] {
+        cv::Mat scratch;
+        for (size_t i = next++; i < heads.size(); i = next++) {
+            found[i] = detectStored(store, heads[i], scratch);
+        }
+    };
+    std::thread helper;
+    if (heads.size() > 1 && std::thread::hardware_concurrency() > 1) {
+        try {
+            helper = std::thread(work);
+        } catch (const std::system_error&) {
+            // One thread does it all.
+        }
+    }
+    work();
+    if (helper.joinable()) helper.join();
+    for (size_t i = 0; i < heads.size(); ++i) {
+        intake.objects[heads[i]] = std::move(found[i]);
+    }
+}
+
+// Gives every frame of a run of equal frames the objects of the run's first.
+void shareAlongRuns(Intake& intake) {
+    for (size_t k = 1; k < intake.objects.size(); ++k) {
+        if (!intake.objects[k] && intake.store.SameAsPrevious(k)) {
+            intake.objects[k] = intake.objects[k - 1];
+        }
+    }
+}
+
+}  // namespace
+
+Intake ReadRecording(const std::string& path, const MeasureOptions& options, bool detectAll) {
+    std::unique_ptr<FrameSource> source =
+        OpenFrameSource(path, FrameRange{options.start, options.end}, options.timing == Timing::Timestamps);
+    Intake intake;
+    {
+        FrameProcessor processor(options, intake);
+        SourceFrame frame;
+        UseLargeFrameMemory(frame.pixels);
+        size_t count = 0;
+        try {
+            while (source->Next(frame)) {
+                processor.Push(frame);
+                ++count;
+                report(options, MeasureStage::Decoding, count, std::max(source->ExpectedCount(), count));
+            }
+        } catch (...) {
+            // A failure on an earlier frame in the processing thread comes first.
+            processor.Finish();
+            throw;
+        }
+        processor.Finish();
+    }
+    intake.followingTimeMs = source->FollowingTimeMs();
+    if (detectAll) {
+        detectRemaining(intake);
+    }
+    shareAlongRuns(intake);
+    return intake;
+}
+
+}  // namespace detail
+}  // namespace vyra
