@@ -5,6 +5,8 @@
 #include <opencv2/imgproc.hpp>
 #include <opencv2/imgproc/imgproc_c.h>
 
+#include "LargeFrameAllocator.h"
+
 namespace vyra {
 namespace detail {
 
@@ -18,31 +20,31 @@ DetectionWorkspace::~DetectionWorkspace() = default;
 
 namespace {
 
-size_t cacheLines(size_t bytes) { return (bytes + 63) / 64 * 64; }
+const size_t kLine = 64;
+
+size_t wholeLines(size_t bytes) { return (bytes + kLine - 1) / kLine * kLine; }
 
 }  // namespace
 
 void DetectionWorkspace::layOut(cv::Size size) {
     if (size == laidOut_) return;
-    laidOut_ = size;
+    laidOut_ = cv::Size();  // until the headers below point into the current block
     const size_t pixels = static_cast<size_t>(size.area());
-    const size_t greyBytes = cacheLines(pixels);
-    const size_t gradientBytes = cacheLines(pixels * sizeof(short));
-    const size_t edgeBytes = cacheLines(static_cast<size_t>(size.width + 2) * static_cast<size_t>(size.height + 2));
+    const size_t greyBytes = wholeLines(pixels);
+    const size_t gradientBytes = wholeLines(pixels * sizeof(short));
+    const size_t edgeBytes = wholeLines(static_cast<size_t>(size.width + 2) * static_cast<size_t>(size.height + 2));
     const size_t total = greyBytes + 2 * gradientBytes + edgeBytes;
-    unsigned char* block = total >= LargePageBlock::kAlignment ? block_.Reserve(total) : nullptr;
-    if (block == nullptr) {
-        // OpenCV allocates each buffer when first written.
-        grey_.release();
-        dx_.release();
-        dy_.release();
-        edges_.release();
-        return;
+    if (block_.total() < total) {
+        block_.release();
+        UseLargeFrameMemory(block_);
+        block_.create(static_cast<int>(total / kLine), static_cast<int>(kLine), CV_8UC1);
     }
-    grey_ = cv::Mat(size, CV_8UC1, block);
-    dx_ = cv::Mat(size, CV_16SC1, block + greyBytes);
-    dy_ = cv::Mat(size, CV_16SC1, block + greyBytes + gradientBytes);
-    edges_ = cv::Mat(size.height + 2, size.width + 2, CV_8UC1, block + greyBytes + 2 * gradientBytes);
+    uchar* const base = block_.data;
+    grey_ = cv::Mat(size, CV_8UC1, base);
+    dx_ = cv::Mat(size, CV_16SC1, base + greyBytes);
+    dy_ = cv::Mat(size, CV_16SC1, base + greyBytes + gradientBytes);
+    edges_ = cv::Mat(size.height + 2, size.width + 2, CV_8UC1, base + greyBytes + 2 * gradientBytes);
+    laidOut_ = size;
 }
 
 bool DetectionWorkspace::readGrey(const cv::Mat& frame) {

@@ -8,7 +8,6 @@
 
 #include <opencv2/core.hpp>
 
-#include "LargePageBlock.h"
 #include "VyraRect.h"
 
 struct CvMemStorage;
@@ -19,8 +18,9 @@ namespace detail {
 /**
  * Detects the object boxes of frames, reusing its image-sized buffers (grey
  * picture, gradients, edge map) and contour storage from one call to the
- * next, so that many frames of one size cost one allocation of each. For
- * large frames the buffers lie in one LargePageBlock.
+ * next: they lie in one block of memory, allocated again only when a larger
+ * frame comes, and mapped with huge-page advice when it is large enough (see
+ * LargeFrameAllocator.h).
  *
  * Detect(frame) gives exactly Image::DetectObjects(frame) for any frame, in
  * any order of sizes and types. One thread at a time.
@@ -39,9 +39,9 @@ private:
         void operator()(CvMemStorage* storage) const;
     };
 
-    // Points the image buffers into block_ for frames of @p size when they
-    // need at least a large page together (smaller ones are left to OpenCV's
-    // own allocation); nothing changes while the size stays the same.
+    // Points the image buffers into block_ for frames of @p size, growing
+    // the block when they do not fit; nothing changes while the size stays
+    // the same.
     void layOut(cv::Size size);
     // Puts the grey picture of @p frame in grey_; false for frames the
     // detector does not read (empty, another depth, two channels).
@@ -57,7 +57,7 @@ private:
     cv::Mat dx_;
     cv::Mat dy_;
     cv::Mat edges_;  // two rows and columns larger than grey_
-    LargePageBlock block_;
+    cv::Mat block_;     // the memory of the four buffers above, rows of 64 bytes
     cv::Size laidOut_;  // frame size the buffers were last laid out for
     std::unique_ptr<CvMemStorage, StorageDeleter> storage_;
     std::vector<cv::Point> points_;

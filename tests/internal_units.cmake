@@ -2,10 +2,9 @@
 # their sources are compiled into this binary of their own.
 add_executable(vyra_internal_tests
   ${CMAKE_CURRENT_LIST_DIR}/internal/detection_workspace_test.cpp
-  ${CMAKE_CURRENT_LIST_DIR}/internal/large_page_block_test.cpp
   ${CMAKE_CURRENT_LIST_DIR}/fixtures.cpp
   ${PROJECT_SOURCE_DIR}/src/ObjectDetection.cpp
-  ${PROJECT_SOURCE_DIR}/src/LargePageBlock.cpp)
+  ${PROJECT_SOURCE_DIR}/src/LargeFrameAllocator.cpp)
 target_include_directories(vyra_internal_tests PRIVATE ${PROJECT_SOURCE_DIR}/src ${CMAKE_CURRENT_LIST_DIR})
 target_compile_options(vyra_internal_tests PRIVATE -Wall -Wextra)
 target_link_libraries(vyra_internal_tests PRIVATE vyra GTest::gtest GTest::gtest_main)
