@@ -17,8 +17,8 @@
 
 #include "ImageCacheAccess.h"
 #include "LargeFrameAllocator.h"
+#include "ObjectDetection.h"
 #include "VyraFrameSource.h"
-#include "VyraImage.h"
 
 namespace vyra {
 namespace detail {
@@ -170,14 +170,22 @@ void report(const MeasureOptions& options, MeasureStage stage, size_t done, size
     }
 }
 
+// A detecting thread's buffers: the frame loaded from the store and the
+// detection's own.
+struct DetectionScratch {
+    cv::Mat pixels;
+    DetectionWorkspace workspace;
+};
+
 // The objects of stored frame @p k as Image would detect them; null when the
 // detection fails (the Image's own accessor then meets the failure itself).
-// @p pixels is the caller's scratch buffer for the frame.
-std::shared_ptr<const FrameObjects> detectStored(const FrameStore& store, size_t k, cv::Mat& pixels) {
+std::shared_ptr<const FrameObjects> detectStored(const FrameStore& store, size_t k,
+                                                 DetectionScratch& scratch) {
     try {
+        cv::Mat& pixels = scratch.pixels;
         store.LoadInto(k, pixels);
         auto found = std::make_shared<FrameObjects>();
-        found->objects = Image::DetectObjects(pixels);
+        found->objects = scratch.workspace.Detect(pixels);
         found->contentRatio = ImageCacheAccess::RatioOf(Rect::CalculateTotalArea(found->objects), pixels);
         found->size = pixels.size();
         return found;
@@ -313,7 +321,7 @@ private:
     const FrameSaver saver_;
     VisualProgressTracker tracker_;
     size_t detectCursor_ = 0;  // next stored frame to consider for detection
-    cv::Mat scratch_;          // the frame being detected
+    DetectionScratch scratch_;  // for the detections in idle time
 
     std::mutex mutex_;
     std::condition_variable changed_;
@@ -340,7 +348,7 @@ void detectRemaining(Intake& intake) {
     std::vector<std::shared_ptr<const FrameObjects>> found(heads.size());
     std::atomic<size_t> next{0};
     const auto work = [&] {
-        cv::Mat scratch;
+        DetectionScratch scratch;
         for (size_t i = next++; i < heads.size(); i = next++) {
             found[i] = detectStored(store, heads[i], scratch);
         }
