@@ -276,6 +276,21 @@ public:
      */
     bool AddRepeatedFrame(double timeMs);
 
+    /**
+     * Adds the next frame when the caller knows where it can differ from the
+     * frame added last: @p previous holds that frame's pixels and
+     * @p changedRows the row ranges outside which the two frames are
+     * byte-identical. Records exactly what AddFrame(frame, timeMs) would
+     * record, reading only the block rows the ranges touch (and of
+     * @p previous only the rows inside the ranges). When @p previous does not
+     * have the size and type of @p frame and of the frame added last, the
+     * whole frame is read as by AddFrame().
+     *
+     * @return as AddFrame().
+     */
+    bool AddChangedFrame(const cv::Mat& frame, double timeMs, const cv::Mat& previous,
+                         const std::vector<cv::Range>& changedRows);
+
     /** Number of frames taken so far. */
     int FrameCount() const;
 
@@ -290,6 +305,9 @@ public:
     VisualProgress Finish() const;
 
 private:
+    bool add(const cv::Mat& frame, double timeMs, const cv::Mat* previous,
+             const std::vector<cv::Range>* changedRows);
+
     struct State;
     std::unique_ptr<State> state_;
 };

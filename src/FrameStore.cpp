@@ -66,7 +66,7 @@ uchar* FrameStore::reserve(size_t bytes) {
     return room;
 }
 
-bool FrameStore::Append(const cv::Mat& frame) {
+bool FrameStore::Append(const cv::Mat& frame, std::vector<cv::Range>* changedRows) {
     CV_Assert(frame.dims <= 2);
     const Frame* previous = frames_.empty() ? nullptr : &frames_.back();
     const bool comparable = previous != nullptr && previous->rows == frame.rows &&
@@ -79,6 +79,8 @@ bool FrameStore::Append(const cv::Mat& frame) {
     auto bands = std::make_shared<Bands>();
     size_t added = 0;
     bool allShared = comparable;
+    std::vector<cv::Range> changed;
+    if (!comparable && frame.rows > 0) changed.emplace_back(0, frame.rows);
     for (int y = 0, band = 0; y < frame.rows; y += kBandRows, ++band) {
         const int rows = std::min(kBandRows, frame.rows - y);
         if (comparable && sameRows(frame, y, (*previous->bands)[static_cast<size_t>(band)])) {
@@ -86,6 +88,13 @@ bool FrameStore::Append(const cv::Mat& frame) {
             continue;
         }
         allShared = false;
+        if (comparable) {
+            if (!changed.empty() && changed.back().end == y) {
+                changed.back().end = y + rows;
+            } else {
+                changed.emplace_back(y, y + rows);
+            }
+        }
         const cv::Mat source = frame.rowRange(y, y + rows);
         cv::Mat kept(rows, frame.cols, frame.type(), reserve(source.total() * source.elemSize()));
         source.copyTo(kept);
@@ -100,6 +109,7 @@ bool FrameStore::Append(const cv::Mat& frame) {
     }
     frames_.push_back(std::move(entry));
     bytesHeld_ += added;
+    if (changedRows != nullptr) changedRows->swap(changed);
     return allShared;
 }
 

@@ -41,10 +41,14 @@ public:
     /**
      * Appends a copy of @p frame (two-dimensional, any type; an empty matrix
      * is kept as an empty frame). Returns SameAsPrevious() of the new frame.
+     * With @p changedRows, sets it to the row ranges, in order, outside which
+     * the frame is byte-identical to the previous one: the bands it did not
+     * share, or all rows when the previous frame has another size or type
+     * (or there is none).
      * Throws std::bad_alloc when memory runs out; the frames appended before
      * stay as they were.
      */
-    bool Append(const cv::Mat& frame);
+    bool Append(const cv::Mat& frame, std::vector<cv::Range>* changedRows = nullptr);
 
     /** Number of frames appended. */
     size_t Size() const;

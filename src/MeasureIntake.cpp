@@ -39,7 +39,7 @@ namespace {
 
 // Decoded frames waiting for the processing thread; the decoder stays at
 // most this far ahead.
-const size_t kQueuedFrames = 12;
+const size_t kQueuedFrames = 6;
 
 cv::Rect toRect(const Region& region) { return cv::Rect(region.x, region.y, region.width, region.height); }
 
@@ -177,15 +177,12 @@ struct DetectionScratch {
     DetectionWorkspace workspace;
 };
 
-// The objects of stored frame @p k as Image would detect them; null when the
+// The objects of @p pixels as Image would detect them; null when the
 // detection fails (the Image's own accessor then meets the failure itself).
-std::shared_ptr<const FrameObjects> detectStored(const FrameStore& store, size_t k,
-                                                 DetectionScratch& scratch) {
+std::shared_ptr<const FrameObjects> detect(const cv::Mat& pixels, DetectionWorkspace& workspace) {
     try {
-        cv::Mat& pixels = scratch.pixels;
-        store.LoadInto(k, pixels);
         auto found = std::make_shared<FrameObjects>();
-        found->objects = scratch.workspace.Detect(pixels);
+        found->objects = workspace.Detect(pixels);
         found->contentRatio = ImageCacheAccess::RatioOf(Rect::CalculateTotalArea(found->objects), pixels);
         found->size = pixels.size();
         return found;
@@ -194,11 +191,23 @@ std::shared_ptr<const FrameObjects> detectStored(const FrameStore& store, size_t
     }
 }
 
+// The same for stored frame @p k.
+std::shared_ptr<const FrameObjects> detectStored(const FrameStore& store, size_t k,
+                                                 DetectionScratch& scratch) {
+    try {
+        store.LoadInto(k, scratch.pixels);
+    } catch (...) {
+        return nullptr;
+    }
+    return detect(scratch.pixels, scratch.workspace);
+}
+
 // The second thread of the intake. Frames arrive in order through a short
 // queue; each is prepared, saved, timed, tracked and stored, and its decode
-// buffer goes back to the decoder. While the queue is empty the thread
-// detects the objects of the stored frames, in order, once per run of equal
-// frames. The first failure stops the thread and is rethrown to the decoder.
+// buffer goes back to the decoder. When no other frame waits, the thread
+// detects the objects of a frame that starts a run of equal frames as it
+// stores it; while the queue is empty it detects those of stored frames it
+// skipped, in order. The first failure stops the thread and is rethrown to the decoder.
 class FrameProcessor {
 public:
     FrameProcessor(const MeasureOptions& options, Intake& intake)
@@ -255,11 +264,12 @@ private:
             if (!queue_.empty()) {
                 SourceFrame frame = std::move(queue_.front());
                 queue_.pop_front();
+                const bool idle = queue_.empty() && !ending_;
                 changed_.notify_all();
                 lock.unlock();
                 std::exception_ptr failed;
                 try {
-                    process(frame);
+                    process(frame, idle);
                 } catch (...) {
                     failed = std::current_exception();
                 }
@@ -286,27 +296,52 @@ private:
         }
     }
 
-    void process(SourceFrame& decoded) {
+    // With @p idle (no other frame waiting), also detects the objects of a
+    // frame that starts a run while it is at hand.
+    void process(SourceFrame& decoded, bool idle) {
         const size_t index = intake_.store.Size();
         const cv::Mat frame = preparer_.Prepare(decoded.pixels, decoded.label);
         saver_.Save(frame, index);
         intake_.rawTimesMs.push_back(decoded.timeMs);
         const double timeMs = RelativeTimeMs(index, intake_.rawTimesMs, options_);
         intake_.objects.emplace_back();
-        const bool repeated = intake_.store.Append(frame);
-        const bool tracked = repeated ? tracker_.AddRepeatedFrame(timeMs) : tracker_.AddFrame(frame, timeMs);
-        if (!tracked) {
+        const bool repeated = intake_.store.Append(frame, &changedRows_);
+        if (!track(frame, timeMs, repeated)) {
             throw MeasureError(VYRA_ERROR_INTERNAL, "the visual progress cannot take " + decoded.label +
                                                         " (unsupported pixels or a time before the "
                                                         "previous frame's)");
         }
+        if (idle && !repeated) {
+            intake_.objects[index] = detect(frame, scratch_.workspace);
+        }
         intake_.estimatedTimeCount += decoded.timeEstimated ? 1 : 0;
     }
 
-    // Detects the next stored frame that starts a run of equal frames.
+    // Feeds the visual progress, telling it where the frame changed (as
+    // the store found) so that it reads only those rows. lastFrame_ follows
+    // the frames: only changed rows are copied into it.
+    bool track(const cv::Mat& frame, double timeMs, bool repeated) {
+        if (repeated) {
+            return tracker_.AddRepeatedFrame(timeMs);
+        }
+        if (lastFrame_.size() == frame.size() && lastFrame_.type() == frame.type()) {
+            const bool tracked = tracker_.AddChangedFrame(frame, timeMs, lastFrame_, changedRows_);
+            for (const cv::Range& rows : changedRows_) {
+                frame.rowRange(rows).copyTo(lastFrame_.rowRange(rows));
+            }
+            return tracked;
+        }
+        UseLargeFrameMemory(lastFrame_);
+        frame.copyTo(lastFrame_);
+        return tracker_.AddFrame(frame, timeMs);
+    }
+
+    // Detects the next stored frame that starts a run of equal frames and
+    // has no objects yet.
     void detectNextRun() {
         const FrameStore& store = intake_.store;
-        while (detectCursor_ < store.Size() && store.SameAsPrevious(detectCursor_)) {
+        while (detectCursor_ < store.Size() &&
+               (store.SameAsPrevious(detectCursor_) || intake_.objects[detectCursor_])) {
             ++detectCursor_;
         }
         if (detectCursor_ < store.Size()) {
@@ -321,7 +356,9 @@ private:
     const FrameSaver saver_;
     VisualProgressTracker tracker_;
     size_t detectCursor_ = 0;  // next stored frame to consider for detection
-    DetectionScratch scratch_;  // for the detections in idle time
+    DetectionScratch scratch_;            // for the detections in idle time
+    std::vector<cv::Range> changedRows_;  // of the frame being processed
+    cv::Mat lastFrame_;                   // pixels of the frame processed last
 
     std::mutex mutex_;
     std::condition_variable changed_;

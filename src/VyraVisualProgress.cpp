@@ -74,17 +74,76 @@ void AccumulateRow(const uchar* row, int width, int block, std::uint32_t* histog
     }
 }
 
+// Takes one row of pixels out of the histogram again.
+template <int Cn>
+void RemoveRow(const uchar* row, int width, std::uint32_t* histogram) {
+    for (int x = 0; x < width; ++x) {
+        const uchar* pixel = row + x * Cn;
+        for (int c = 0; c < kChannels; ++c) {
+            --histogram[c * kBins + pixel[Cn == 1 ? 0 : c]];
+        }
+    }
+}
+
+// Recomputes the block sums of the block rows from `firstBlockRow` up to
+// (not including) `endBlockRow`, adding their pixels to the histogram. With
+// `previous`, rows for which `rowChanged` holds first take the previous
+// frame's row out of the histogram, and the other rows are taken to be in
+// the histogram already: the histogram moves from the previous frame's to
+// this frame's.
+template <int Cn>
+void ScanBlockRows(const cv::Mat& frame, int block, int firstBlockRow, int endBlockRow,
+                   const cv::Mat* previous, const std::vector<char>& rowChanged,
+                   std::uint32_t* histogram, BlockSums& out) {
+    const size_t rowValues = static_cast<size_t>(BlockCount(frame.cols, block)) * kChannels;
+    std::vector<std::uint32_t> unused(kChannels * kBins);
+    for (int r = firstBlockRow; r < endBlockRow; ++r) {
+        std::uint32_t* sums = out.sums.data() + static_cast<size_t>(r) * rowValues;
+        std::fill(sums, sums + rowValues, 0u);
+        for (int y = r * block; y < std::min(frame.rows, (r + 1) * block); ++y) {
+            const bool counted = previous == nullptr || rowChanged[static_cast<size_t>(y)];
+            if (previous != nullptr && counted) {
+                RemoveRow<Cn>(previous->ptr<uchar>(y), frame.cols, histogram);
+            }
+            AccumulateRow<Cn>(frame.ptr<uchar>(y), frame.cols, block, counted ? histogram : unused.data(), sums);
+        }
+    }
+}
+
+void ScanBlockRows(const cv::Mat& frame, int block, int firstBlockRow, int endBlockRow,
+                   const cv::Mat* previous, const std::vector<char>& rowChanged,
+                   std::uint32_t* histogram, BlockSums& out) {
+    switch (frame.channels()) {
+        case 1: ScanBlockRows<1>(frame, block, firstBlockRow, endBlockRow, previous, rowChanged, histogram, out); break;
+        case 3: ScanBlockRows<3>(frame, block, firstBlockRow, endBlockRow, previous, rowChanged, histogram, out); break;
+        default: ScanBlockRows<4>(frame, block, firstBlockRow, endBlockRow, previous, rowChanged, histogram, out); break;
+    }
+}
+
 // The one pass over a frame's pixels: its histogram and its block sums.
 void ScanFrame(const cv::Mat& frame, int block, std::uint32_t* histogram, BlockSums& out) {
-    const int columns = BlockCount(frame.cols, block);
     out.size = frame.size();
-    std::fill(out.sums.begin(), out.sums.end(), 0u);
-    for (int y = 0; y < frame.rows; ++y) {
-        std::uint32_t* sums = out.sums.data() + static_cast<size_t>(y / block) * columns * kChannels;
-        switch (frame.channels()) {
-            case 1: AccumulateRow<1>(frame.ptr<uchar>(y), frame.cols, block, histogram, sums); break;
-            case 3: AccumulateRow<3>(frame.ptr<uchar>(y), frame.cols, block, histogram, sums); break;
-            default: AccumulateRow<4>(frame.ptr<uchar>(y), frame.cols, block, histogram, sums); break;
+    ScanBlockRows(frame, block, 0, BlockCount(frame.rows, block), nullptr, {}, histogram, out);
+}
+
+// Moves the histogram and block sums of the previous frame (given in
+// `histogram` and `out`) to those of `frame`, reading only the block rows
+// that `changedRows` touch.
+void RescanChangedRows(const cv::Mat& frame, const cv::Mat& previous, int block,
+                       const std::vector<cv::Range>& changedRows, std::uint32_t* histogram,
+                       BlockSums& out) {
+    std::vector<char> rowChanged(static_cast<size_t>(frame.rows), 0);
+    std::vector<char> blockRowTouched(static_cast<size_t>(BlockCount(frame.rows, block)), 0);
+    for (const cv::Range& range : changedRows) {
+        for (int y = std::max(range.start, 0); y < std::min(range.end, frame.rows); ++y) {
+            rowChanged[static_cast<size_t>(y)] = 1;
+            blockRowTouched[static_cast<size_t>(y / block)] = 1;
+        }
+    }
+    for (size_t r = 0; r < blockRowTouched.size(); ++r) {
+        if (blockRowTouched[r]) {
+            const int row = static_cast<int>(r);
+            ScanBlockRows(frame, block, row, row + 1, &previous, rowChanged, histogram, out);
         }
     }
 }
@@ -223,11 +282,23 @@ VisualProgressTracker& VisualProgressTracker::operator=(VisualProgressTracker&&)
 VisualProgressTracker::~VisualProgressTracker() = default;
 
 bool VisualProgressTracker::AddFrame(const cv::Mat& frame, double timeMs) {
+    return add(frame, timeMs, nullptr, nullptr);
+}
+
+bool VisualProgressTracker::AddChangedFrame(const cv::Mat& frame, double timeMs, const cv::Mat& previous,
+                                            const std::vector<cv::Range>& changedRows) {
+    return add(frame, timeMs, &previous, &changedRows);
+}
+
+bool VisualProgressTracker::add(const cv::Mat& frame, double timeMs, const cv::Mat* previous,
+                                const std::vector<cv::Range>* changedRows) {
     State& s = *state_;
     if (!IsSupportedFrame(frame) || !std::isfinite(timeMs) ||
         (!s.frames.empty() && timeMs < s.frames.back().timeMs)) {
         return false;
     }
+    const bool incremental = previous != nullptr && !s.frames.empty() && s.previous.size == frame.size() &&
+                             previous->size() == frame.size() && previous->type() == frame.type();
     const int block = s.options.blockSize;
     const int index = static_cast<int>(s.frames.size());
     // Everything that may allocate comes first, so that an exception leaves
@@ -238,12 +309,20 @@ bool VisualProgressTracker::AddFrame(const cv::Mat& frame, double timeMs) {
     if (index == 0) {
         s.first.sums.reserve(gridValues);
     }
+    Histogram histogram;
+    if (incremental) {
+        histogram = s.frames.back().histogram;
+        s.current.size = frame.size();
+        std::copy(s.previous.sums.begin(), s.previous.sums.end(), s.current.sums.begin());
+        RescanChangedRows(frame, *previous, block, *changedRows, histogram.data(), s.current);
+    } else {
+        histogram.fill(0);
+        ScanFrame(frame, block, histogram.data(), s.current);
+    }
     FrameRecord& record = s.frames.emplace_back();
-
-    record.histogram.fill(0);
+    record.histogram = histogram;
     record.pixels = frame.total();
     record.timeMs = timeMs;
-    ScanFrame(frame, block, record.histogram.data(), s.current);
     if (index == 0) {
         record.changedFraction = 0.0;
         s.first.size = s.current.size;

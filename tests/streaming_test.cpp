@@ -4,6 +4,7 @@
 // it is built from are tested in tests/internal/frame_store_test.cpp.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <string>
 #include <thread>
@@ -56,6 +57,56 @@ TEST(VisualProgressRepeats, RecordExactlyWhatAddingTheSameFrameRecords) {
     expectSameProgress(full.Finish(), shortcut.Finish());
     EXPECT_EQ(shortcut.Finish().firstVisualChange, 2);
     EXPECT_EQ(shortcut.Finish().lastVisualChange, 5);
+}
+
+TEST(VisualProgressChangedRows, RecordExactlyWhatAddingTheWholeFrameRecords) {
+    // Each frame changes a random band of rows (sometimes none, sometimes
+    // all) of the one before; the block size does or does not divide the
+    // bands. A frame of another size in the middle is read whole.
+    for (const int blockSize : {8, 5, 20}) {
+        for (const int channels : {3, 1}) {
+            vyra::VisualProgressOptions options;
+            options.blockSize = blockSize;
+            options.levelTolerance = 3;
+            vyra::VisualProgressTracker full(options);
+            vyra::VisualProgressTracker rows(options);
+            cv::RNG rng(blockSize * 10 + channels);
+            const int type = CV_MAKETYPE(CV_8U, channels);
+            cv::Mat previous(60, 44, type, cv::Scalar::all(200));
+            ASSERT_TRUE(full.AddFrame(previous, 0.0));
+            ASSERT_TRUE(rows.AddFrame(previous, 0.0));
+            for (int k = 1; k < 30; ++k) {
+                cv::Mat frame = k == 15 ? cv::Mat(50, 44, type, cv::Scalar::all(90)) : previous.clone();
+                std::vector<cv::Range> changed;
+                if (k != 15 && k % 7 != 0) {
+                    const int begin = rng.uniform(-3, frame.rows);
+                    const int end = std::min(frame.rows + 3, begin + rng.uniform(1, 25));
+                    const int from = std::max(begin, 0), to = std::min(end, frame.rows);
+                    if (to > from) {
+                        cv::Mat band = frame.rowRange(from, to);
+                        rng.fill(band, cv::RNG::UNIFORM, cv::Scalar::all(k % 3 == 0 ? 0 : 180),
+                                 cv::Scalar::all(k % 3 == 0 ? 256 : 200));
+                    }
+                    changed.emplace_back(begin, end);  // may reach past the frame
+                    if (k % 4 == 0) changed.emplace_back(0, 1);  // a row that did not change
+                }
+                ASSERT_TRUE(full.AddFrame(frame, k * 10.0));
+                ASSERT_TRUE(rows.AddChangedFrame(frame, k * 10.0, previous, changed));
+                previous = frame;
+            }
+            SCOPED_TRACE(testing::Message() << "block " << blockSize << " channels " << channels);
+            expectSameProgress(full.Finish(), rows.Finish());
+        }
+    }
+}
+
+TEST(VisualProgressChangedRows, RefuseWhatAddFrameRefuses) {
+    vyra::VisualProgressTracker tracker;
+    const cv::Mat frame = vyra_test::solidFrame(16, 16);
+    ASSERT_TRUE(tracker.AddFrame(frame, 50.0));
+    EXPECT_FALSE(tracker.AddChangedFrame(frame, 40.0, frame, {}));
+    EXPECT_FALSE(tracker.AddChangedFrame(cv::Mat(), 60.0, frame, {}));
+    EXPECT_EQ(tracker.FrameCount(), 1);
 }
 
 TEST(VisualProgressRepeats, AreRefusedWithoutAFrameOrWithABadTime) {

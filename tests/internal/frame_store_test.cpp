@@ -84,6 +84,33 @@ TEST(FrameStore, SharesBandsEqualToThePreviousFramesAndCountsEachOnce) {
     EXPECT_TRUE(sameBytes(store.Load(3), third));
 }
 
+TEST(FrameStore, ReportsTheRowsOfTheBandsItCouldNotShare) {
+    const int band = FrameStore::kBandRows;
+    const cv::Mat first = noise(4 * band + 3, 12, CV_8UC3, 51);
+    FrameStore store;
+    std::vector<cv::Range> changed = {cv::Range(7, 8)};
+    store.Append(first, &changed);
+    ASSERT_EQ(changed.size(), 1u);  // no previous frame: all rows
+    EXPECT_EQ(changed[0], cv::Range(0, first.rows));
+
+    cv::Mat second = first.clone();
+    second.at<cv::Vec3b>(band + 1, 0)[0] ^= 1;      // band 1
+    second.at<cv::Vec3b>(2 * band + 5, 3)[2] ^= 1;  // band 2
+    second.at<cv::Vec3b>(4 * band + 2, 11)[1] ^= 1;  // the short last band
+    store.Append(second, &changed);
+    ASSERT_EQ(changed.size(), 2u);  // bands 1 and 2 merged, then band 4
+    EXPECT_EQ(changed[0], cv::Range(band, 3 * band));
+    EXPECT_EQ(changed[1], cv::Range(4 * band, 4 * band + 3));
+
+    EXPECT_TRUE(store.Append(second, &changed));
+    EXPECT_TRUE(changed.empty());
+
+    const cv::Mat other = noise(10, 12, CV_8UC3, 52);
+    store.Append(other, &changed);
+    ASSERT_EQ(changed.size(), 1u);
+    EXPECT_EQ(changed[0], cv::Range(0, 10));
+}
+
 TEST(FrameStore, FramesOfAnotherSizeOrTypeShareNothing) {
     const cv::Mat frame = noise(20, 10, CV_8UC3, 21);
     FrameStore store;
