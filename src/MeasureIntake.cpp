@@ -216,6 +216,7 @@ public:
           preparer_(options),
           saver_(options.saveFramesDir),
           tracker_(options.visualProgress),
+          spare_(reserved(kQueuedFrames + 2)),
           thread_(&FrameProcessor::run, this) {}
 
     ~FrameProcessor() {
@@ -258,6 +259,15 @@ public:
     }
 
 private:
+    // An empty list with room for every decode buffer there can be (the
+    // queue's, the one in process, the decoder's), so that handing a buffer
+    // back never allocates.
+    static std::vector<cv::Mat> reserved(size_t count) {
+        std::vector<cv::Mat> list;
+        list.reserve(count);
+        return list;
+    }
+
     void run() {
         std::unique_lock<std::mutex> lock(mutex_);
         while (!stopping_ && !failure_) {
