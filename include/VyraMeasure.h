@@ -84,7 +84,7 @@
  *
  * Memory and threads: frames are decoded on the calling thread and handed
  * to one library thread that prepares, saves, tracks and keeps them; at most
- * a dozen decoded frames are in flight. The frames are kept for the analysis
+ * eight decoded frames are in flight. The frames are kept for the analysis
  * in bands of 16 rows, a band equal to the same band of the previous frame
  * being shared, not copied: a recording costs about the bytes of the rows
  * that changed from frame to frame (a still page, one frame; a recording in
