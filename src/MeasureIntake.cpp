@@ -30,6 +30,12 @@ std::string DescribeRegion(const Region& region) {
            std::to_string(region.width) + "," + std::to_string(region.height);
 }
 
+void ReportProgress(const MeasureOptions& options, MeasureStage stage, size_t done, size_t total) {
+    if (options.progress) {
+        options.progress(stage, done, total);
+    }
+}
+
 double RelativeTimeMs(size_t index, const std::vector<double>& rawTimesMs, const MeasureOptions& options) {
     return options.timing == Timing::FrameRate ? static_cast<double>(index) * 1000.0 / options.fps
                                                : rawTimesMs[index] - rawTimesMs.front();
@@ -163,12 +169,6 @@ public:
 private:
     std::string dir_;
 };
-
-void report(const MeasureOptions& options, MeasureStage stage, size_t done, size_t total) {
-    if (options.progress) {
-        options.progress(stage, done, total);
-    }
-}
 
 // A detecting thread's buffers: the frame loaded from the store and the
 // detection's own.
@@ -439,7 +439,7 @@ Intake ReadRecording(const std::string& path, const MeasureOptions& options, boo
             while (source->Next(frame)) {
                 processor.Push(frame);
                 ++count;
-                report(options, MeasureStage::Decoding, count, std::max(source->ExpectedCount(), count));
+                ReportProgress(options, MeasureStage::Decoding, count, std::max(source->ExpectedCount(), count));
             }
         } catch (...) {
             // A failure on an earlier frame in the processing thread comes first.

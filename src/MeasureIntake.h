@@ -43,6 +43,9 @@ struct Intake {
 /** "x,y,w,h" of a region, as messages quote it. */
 std::string DescribeRegion(const Region& region);
 
+/** Calls options.progress(stage, done, total) when a callback is set. */
+void ReportProgress(const MeasureOptions& options, MeasureStage stage, size_t done, size_t total);
+
 /**
  * Milliseconds of frame @p index from the range's first frame: index / fps
  * with frame-rate timing, else its raw time less the first frame's.

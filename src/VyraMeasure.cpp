@@ -39,8 +39,6 @@ const char* StatusString(VyraStatus status) {
 
 namespace {
 
-
-
 void validateRegionShape(const Region& region, const char* what) {
     if (region.width < 1 || region.height < 1) {
         throw MeasureError(VYRA_ERROR_INVALID_ARGUMENT, std::string(what) + " region " +
@@ -74,12 +72,6 @@ void validateOptions(const MeasureOptions& options) {
     }
 }
 
-void report(const MeasureOptions& options, MeasureStage stage, size_t done, size_t total) {
-    if (options.progress) {
-        options.progress(stage, done, total);
-    }
-}
-
 // Image @p index of the analysis: pixels loaded from the store on demand and
 // brought to the size of the last frame the way the analysis would; objects
 // installed when the intake detected them on a frame of that size.
@@ -104,7 +96,7 @@ Image storedImage(const detail::Intake& intake, size_t index, detail::LoadWindow
 }
 
 AnalysisResult analyse(const detail::Intake& intake, const MeasureOptions& options) {
-    report(options, MeasureStage::Analysing, 0, 1);
+    detail::ReportProgress(options, MeasureStage::Analysing, 0, 1);
     AnalysisResult analysis;
     {
         detail::LoadWindow window;
@@ -125,7 +117,7 @@ AnalysisResult analyse(const detail::Intake& intake, const MeasureOptions& optio
             throw MeasureError(VYRA_ERROR_INTERNAL, std::string("the analysis failed: ") + e.what());
         }
     }
-    report(options, MeasureStage::Analysing, 1, 1);
+    detail::ReportProgress(options, MeasureStage::Analysing, 1, 1);
     return analysis;
 }
 
