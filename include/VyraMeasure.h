@@ -90,10 +90,10 @@
  * that changed from frame to frame (a still page, one frame; a recording in
  * which every pixel changes every frame, every frame at full size). The
  * analysis loads the frames it compares from there one at a time and gives
- * them back as it moves on. The objects of the frames are detected while
- * decoding goes on, once per run of equal frames; for a static page, those
- * still unknown after the last frame are detected on two threads before the
- * analysis. All threads are joined before Measure returns or throws, and
+ * them back as it moves on. Objects are detected only for the frames the
+ * analysis asks about, once per run of equal frames, on the calling thread
+ * and one more thread working a few frames ahead of the analysis. All
+ * threads are joined before Measure returns or throws, and
  * the progress callback is only ever called on the calling thread.
  */
 #ifndef VYRA_MEASURE_H

@@ -1,23 +1,19 @@
 #include "MeasureIntake.h"
 
 #include <algorithm>
-#include <atomic>
 #include <condition_variable>
 #include <cstdio>
 #include <deque>
 #include <exception>
 #include <filesystem>
 #include <mutex>
-#include <system_error>
 #include <thread>
 #include <utility>
 
 #include <opencv2/imgcodecs.hpp>
 #include <opencv2/imgproc.hpp>
 
-#include "ImageCacheAccess.h"
 #include "LargeFrameAllocator.h"
-#include "ObjectDetection.h"
 #include "VyraFrameSource.h"
 
 namespace vyra {
@@ -170,44 +166,10 @@ private:
     std::string dir_;
 };
 
-// A detecting thread's buffers: the frame loaded from the store and the
-// detection's own.
-struct DetectionScratch {
-    cv::Mat pixels;
-    DetectionWorkspace workspace;
-};
-
-// The objects of @p pixels as Image would detect them; null when the
-// detection fails (the Image's own accessor then meets the failure itself).
-std::shared_ptr<const FrameObjects> detect(const cv::Mat& pixels, DetectionWorkspace& workspace) {
-    try {
-        auto found = std::make_shared<FrameObjects>();
-        found->objects = workspace.Detect(pixels);
-        found->contentRatio = ImageCacheAccess::RatioOf(Rect::CalculateTotalArea(found->objects), pixels);
-        found->size = pixels.size();
-        return found;
-    } catch (...) {
-        return nullptr;
-    }
-}
-
-// The same for stored frame @p k.
-std::shared_ptr<const FrameObjects> detectStored(const FrameStore& store, size_t k,
-                                                 DetectionScratch& scratch) {
-    try {
-        store.LoadInto(k, scratch.pixels);
-    } catch (...) {
-        return nullptr;
-    }
-    return detect(scratch.pixels, scratch.workspace);
-}
-
 // The second thread of the intake. Frames arrive in order through a short
 // queue; each is prepared, saved, timed, tracked and stored, and its decode
-// buffer goes back to the decoder. When no other frame waits, the thread
-// detects the objects of a frame that starts a run of equal frames as it
-// stores it; while the queue is empty it detects those of stored frames it
-// skipped, in order. The first failure stops the thread and is rethrown to the decoder.
+// buffer goes back to the decoder. The first failure stops the thread and is
+// rethrown to the decoder.
 class FrameProcessor {
 public:
     FrameProcessor(const MeasureOptions& options, Intake& intake)
@@ -274,12 +236,11 @@ private:
             if (!queue_.empty()) {
                 SourceFrame frame = std::move(queue_.front());
                 queue_.pop_front();
-                const bool idle = queue_.empty() && !ending_;
                 changed_.notify_all();
                 lock.unlock();
                 std::exception_ptr failed;
                 try {
-                    process(frame, idle);
+                    process(frame);
                 } catch (...) {
                     failed = std::current_exception();
                 }
@@ -289,10 +250,6 @@ private:
                 changed_.notify_all();
             } else if (ending_) {
                 break;
-            } else if (detectCursor_ < intake_.store.Size()) {
-                lock.unlock();
-                detectNextRun();
-                lock.lock();
             } else {
                 changed_.wait(lock);
             }
@@ -306,23 +263,17 @@ private:
         }
     }
 
-    // With @p idle (no other frame waiting), also detects the objects of a
-    // frame that starts a run while it is at hand.
-    void process(SourceFrame& decoded, bool idle) {
+    void process(SourceFrame& decoded) {
         const size_t index = intake_.store.Size();
         const cv::Mat frame = preparer_.Prepare(decoded.pixels, decoded.label);
         saver_.Save(frame, index);
         intake_.rawTimesMs.push_back(decoded.timeMs);
         const double timeMs = RelativeTimeMs(index, intake_.rawTimesMs, options_);
-        intake_.objects.emplace_back();
         const bool repeated = intake_.store.Append(frame, &changedRows_);
         if (!track(frame, timeMs, repeated)) {
             throw MeasureError(VYRA_ERROR_INTERNAL, "the visual progress cannot take " + decoded.label +
                                                         " (unsupported pixels or a time before the "
                                                         "previous frame's)");
-        }
-        if (idle && !repeated) {
-            intake_.objects[index] = detect(frame, scratch_.workspace);
         }
         intake_.estimatedTimeCount += decoded.timeEstimated ? 1 : 0;
     }
@@ -346,27 +297,11 @@ private:
         return tracker_.AddFrame(frame, timeMs);
     }
 
-    // Detects the next stored frame that starts a run of equal frames and
-    // has no objects yet.
-    void detectNextRun() {
-        const FrameStore& store = intake_.store;
-        while (detectCursor_ < store.Size() &&
-               (store.SameAsPrevious(detectCursor_) || intake_.objects[detectCursor_])) {
-            ++detectCursor_;
-        }
-        if (detectCursor_ < store.Size()) {
-            intake_.objects[detectCursor_] = detectStored(store, detectCursor_, scratch_);
-            ++detectCursor_;
-        }
-    }
-
     const MeasureOptions& options_;
     Intake& intake_;
     FramePreparer preparer_;
     const FrameSaver saver_;
     VisualProgressTracker tracker_;
-    size_t detectCursor_ = 0;  // next stored frame to consider for detection
-    DetectionScratch scratch_;            // for the detections in idle time
     std::vector<cv::Range> changedRows_;  // of the frame being processed
     cv::Mat lastFrame_;                   // pixels of the frame processed last
 
@@ -380,53 +315,9 @@ private:
     std::thread thread_;  // last: starts once everything above is set up
 };
 
-// Detects, on two threads, the objects of every frame that starts a run of
-// equal frames, has the size of the last frame and is not detected yet.
-void detectRemaining(Intake& intake) {
-    const FrameStore& store = intake.store;
-    if (store.Size() == 0) return;
-    const cv::Size last = store.FrameSize(store.Size() - 1);
-    std::vector<size_t> heads;
-    for (size_t k = 0; k < store.Size(); ++k) {
-        if (!intake.objects[k] && (k == 0 || !store.SameAsPrevious(k)) && store.FrameSize(k) == last) {
-            heads.push_back(k);
-        }
-    }
-    std::vector<std::shared_ptr<const FrameObjects>> found(heads.size());
-    std::atomic<size_t> next{0};
-    const auto work = [&] {
-        DetectionScratch scratch;
-        for (size_t i = next++; i < heads.size(); i = next++) {
-            found[i] = detectStored(store, heads[i], scratch);
-        }
-    };
-    std::thread helper;
-    if (heads.size() > 1 && std::thread::hardware_concurrency() > 1) {
-        try {
-            helper = std::thread(work);
-        } catch (const std::system_error&) {
-            // One thread does it all.
-        }
-    }
-    work();
-    if (helper.joinable()) helper.join();
-    for (size_t i = 0; i < heads.size(); ++i) {
-        intake.objects[heads[i]] = std::move(found[i]);
-    }
-}
-
-// Gives every frame of a run of equal frames the objects of the run's first.
-void shareAlongRuns(Intake& intake) {
-    for (size_t k = 1; k < intake.objects.size(); ++k) {
-        if (!intake.objects[k] && intake.store.SameAsPrevious(k)) {
-            intake.objects[k] = intake.objects[k - 1];
-        }
-    }
-}
-
 }  // namespace
 
-Intake ReadRecording(const std::string& path, const MeasureOptions& options, bool detectAll) {
+Intake ReadRecording(const std::string& path, const MeasureOptions& options) {
     std::unique_ptr<FrameSource> source =
         OpenFrameSource(path, FrameRange{options.start, options.end}, options.timing == Timing::Timestamps);
     Intake intake;
@@ -449,10 +340,6 @@ Intake ReadRecording(const std::string& path, const MeasureOptions& options, boo
         processor.Finish();
     }
     intake.followingTimeMs = source->FollowingTimeMs();
-    if (detectAll) {
-        detectRemaining(intake);
-    }
-    shareAlongRuns(intake);
     return intake;
 }
 

@@ -1,13 +1,11 @@
 // Internal: the reading half of vyra::Measure. Frames are decoded on the
 // calling thread while a second thread prepares them (ignore regions, crop),
 // saves them when asked, feeds the visual progress and keeps them in a
-// FrameStore; in its spare time it detects the objects of the frames already
-// kept, so that the analysis afterwards finds most of them known.
+// FrameStore, from which the analysis reads them afterwards.
 #ifndef VYRA_MEASURE_INTAKE_H
 #define VYRA_MEASURE_INTAKE_H
 
 #include <cstddef>
-#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -16,18 +14,10 @@
 
 #include "FrameStore.h"
 #include "VyraMeasure.h"
-#include "VyraRect.h"
 #include "VyraVisualProgress.h"
 
 namespace vyra {
 namespace detail {
-
-/** Objects of one frame as Image would detect them, with the content ratio. */
-struct FrameObjects {
-    std::vector<Rect> objects;
-    double contentRatio = 0.0;
-    cv::Size size;  // of the frame they were detected on
-};
 
 /** The frames of the range, prepared for the analysis, and what was learnt reading them. */
 struct Intake {
@@ -36,8 +26,6 @@ struct Intake {
     std::optional<double> followingTimeMs;
     size_t estimatedTimeCount = 0;
     VisualProgress visual;
-    /** Per frame: its objects when known (shared along a run of equal frames), else null. */
-    std::vector<std::shared_ptr<const FrameObjects>> objects;
 };
 
 /** "x,y,w,h" of a region, as messages quote it. */
@@ -56,12 +44,10 @@ double RelativeTimeMs(size_t index, const std::vector<double>& rawTimesMs, const
  * Reads the range of the recording at @p path with @p options (already
  * validated): prepares, saves and keeps every frame, times it, tracks the
  * visual progress and reports MeasureStage::Decoding progress (on the calling
- * thread). With @p detectAll, objects still unknown when the last frame has
- * been read are detected too, once per run of equal frames, on two threads.
- * Errors are thrown as MeasureError (or std::bad_alloc), the first one in
+ * thread). Errors are thrown as MeasureError (or std::bad_alloc), the first one in
  * frame order when several occur; no thread outlives the call.
  */
-Intake ReadRecording(const std::string& path, const MeasureOptions& options, bool detectAll);
+Intake ReadRecording(const std::string& path, const MeasureOptions& options);
 
 }  // namespace detail
 }  // namespace vyra

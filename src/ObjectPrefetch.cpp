@@ -1,5 +1,7 @@
 #include "ObjectPrefetch.h"
 
+#include <algorithm>
+#include <cstddef>
 #include <cstring>
 #include <system_error>
 #include <utility>
@@ -12,7 +14,7 @@ namespace detail {
 
 namespace {
 
-// How far beyond the index last provided results are computed ahead.
+// How many detections beyond the index last provided are computed ahead.
 const int kLookahead = 8;
 
 // Same size, same type and the same bytes.
@@ -33,17 +35,10 @@ bool samePixels(const cv::Mat& a, const cv::Mat& b) {
 
 }  // namespace
 
-ObjectPrefetch::ObjectPrefetch(ImageSets& sets, bool useWorker)
-    : sets_(sets), slots_(static_cast<size_t>(sets.size())) {
-    for (int k = 0; k < sets.size(); ++k) {
-        const Image& image = sets[k];
-        if (ImageCacheAccess::IsResident(image) && !ImageCacheAccess::HasObjects(image)) {
-            Slot& slot = slots_[static_cast<size_t>(k)];
-            slot.state = State::Unclaimed;
-            slot.pixels = ImageCacheAccess::Pixels(image);
-        }
-    }
-    horizon_ = kLookahead;
+ObjectPrefetch::ObjectPrefetch(ImageSets& sets, bool useWorker, const PixelSource* source)
+    : sets_(sets), source_(source), slots_(static_cast<size_t>(sets.size())) {
+    findEligible(source);
+    horizon_ = horizonAfter(-1);
     if (useWorker && std::thread::hardware_concurrency() > 1) {
         try {
             worker_ = std::thread(&ObjectPrefetch::workerLoop, this);
@@ -51,6 +46,35 @@ ObjectPrefetch::ObjectPrefetch(ImageSets& sets, bool useWorker)
             // No second thread: everything is computed on the calling thread.
         }
     }
+}
+
+void ObjectPrefetch::findEligible(const PixelSource* source) {
+    for (int k = 0; k < sets_.size(); ++k) {
+        const Image& image = sets_[k];
+        Slot& slot = slots_[static_cast<size_t>(k)];
+        if (ImageCacheAccess::HasObjects(image)) continue;
+        if (ImageCacheAccess::IsResident(image)) {
+            slot.state = State::Unclaimed;
+            slot.pixels = ImageCacheAccess::Pixels(image);
+        } else if (source != nullptr && source->Covers(k)) {
+            slot.state = State::Unclaimed;
+            slot.fromSource = true;
+            const Slot* previous = k > 0 ? &slots_[static_cast<size_t>(k) - 1] : nullptr;
+            if (previous != nullptr && previous->fromSource && source->SameAsPrevious(k)) {
+                // Linked straight to the run's first image.
+                slot.state = State::Done;
+                slot.sameAs = previous->sameAs >= 0 ? previous->sameAs : k - 1;
+            }
+        }
+        if (slot.state == State::Unclaimed) toDetect_.push_back(k);
+    }
+}
+
+int ObjectPrefetch::horizonAfter(int index) const {
+    const auto next = std::upper_bound(toDetect_.begin(), toDetect_.end(), index);
+    const auto remaining = toDetect_.end() - next;
+    if (remaining == 0) return index;
+    return *(next + std::min<std::ptrdiff_t>(remaining, kLookahead) - 1);
 }
 
 ObjectPrefetch::~ObjectPrefetch() {
@@ -74,8 +98,9 @@ int ObjectPrefetch::claimNext() {
     return -1;
 }
 
-void ObjectPrefetch::work(int index, std::unique_lock<std::mutex>& lock, DetectionWorkspace& workspace) {
-    const cv::Mat pixels = slots_[static_cast<size_t>(index)].pixels;
+void ObjectPrefetch::work(int index, std::unique_lock<std::mutex>& lock, Scratch& scratch) {
+    const bool fromSource = slots_[static_cast<size_t>(index)].fromSource;
+    cv::Mat pixels = slots_[static_cast<size_t>(index)].pixels;
     const bool previousEligible =
         index > 0 && slots_[static_cast<size_t>(index) - 1].state != State::Ineligible;
     const cv::Mat previous = previousEligible ? slots_[static_cast<size_t>(index) - 1].pixels : cv::Mat();
@@ -86,10 +111,14 @@ void ObjectPrefetch::work(int index, std::unique_lock<std::mutex>& lock, Detecti
     std::shared_ptr<const std::vector<Rect>> objects;
     double ratio = 0.0;
     try {
-        if (previousEligible && samePixels(previous, pixels)) {
+        if (fromSource) {
+            source_->LoadInto(index, scratch.pixels);
+            pixels = scratch.pixels;
+        }
+        if (!fromSource && previousEligible && samePixels(previous, pixels)) {
             sameAs = index - 1;
         } else {
-            auto detected = std::make_shared<std::vector<Rect>>(workspace.Detect(pixels));
+            auto detected = std::make_shared<std::vector<Rect>>(scratch.workspace.Detect(pixels));
             ratio = ImageCacheAccess::RatioOf(Rect::CalculateTotalArea(*detected), pixels);
             objects = std::move(detected);
         }
@@ -119,7 +148,7 @@ void ObjectPrefetch::Provide(int index, bool withRatio) {
     if (index < 0 || index >= static_cast<int>(slots_.size())) return;
     std::unique_lock<std::mutex> lock(mutex_);
     if (slots_[static_cast<size_t>(index)].state == State::Ineligible) return;
-    horizon_ = index + kLookahead;
+    horizon_ = horizonAfter(index);
     changed_.notify_all();
     for (;;) {
         const int source = representative(index);
@@ -127,13 +156,13 @@ void ObjectPrefetch::Provide(int index, bool withRatio) {
         switch (slot.state) {
         case State::Unclaimed:
             slot.state = State::Working;
-            work(source, lock, callerWorkspace_);
+            work(source, lock, callerScratch_);
             break;
         case State::Working: {
             // Busy on the worker: compute the next result meanwhile, or wait.
             const int next = claimNext();
             if (next >= 0) {
-                work(next, lock, callerWorkspace_);
+                work(next, lock, callerScratch_);
             } else {
                 changed_.wait(lock);
             }
@@ -150,12 +179,12 @@ void ObjectPrefetch::Provide(int index, bool withRatio) {
 }
 
 void ObjectPrefetch::workerLoop() {
-    DetectionWorkspace workspace;
+    Scratch scratch;
     std::unique_lock<std::mutex> lock(mutex_);
     while (!stopping_) {
         const int next = claimNext();
         if (next >= 0) {
-            work(next, lock, workspace);
+            work(next, lock, scratch);
         } else {
             changed_.wait(lock);
         }

@@ -1,6 +1,6 @@
-// Internal: object detection for the in-order searches of the static
-// analysis, done once per run of pixel-identical frames and, on a second
-// core, ahead of the search.
+// Internal: object detection for the in-order searches of the analysis,
+// done once per run of pixel-identical frames and, on a second core, ahead
+// of the search.
 #ifndef VYRA_OBJECT_PREFETCH_H
 #define VYRA_OBJECT_PREFETCH_H
 
@@ -21,22 +21,44 @@ namespace vyra {
 namespace detail {
 
 /**
+ * Where a prefetcher reads the pixels of images that do not hold them,
+ * without loading the Images: for a covered image, LoadInto() gives exactly
+ * the pixels the Image would hold once loaded. Called from two threads at once.
+ */
+class PixelSource {
+public:
+    virtual ~PixelSource() = default;
+
+    /** True when image @p index can be read through LoadInto(). */
+    virtual bool Covers(int index) const = 0;
+
+    /** True when covered image @p index (> 0) has the pixels of image index - 1. */
+    virtual bool SameAsPrevious(int index) const = 0;
+
+    /** Puts the pixels of covered image @p index in @p pixels, reusing its buffer when it can. */
+    virtual void LoadInto(int index, cv::Mat& pixels) const = 0;
+};
+
+/**
  * Supplies the object lists (and content ratios) of a set's images to a
  * search that visits them in order.
  *
- * Eligible images are those that hold their pixels when the prefetcher is
- * made (made from a matrix, or loaded) and have no object list yet; others
- * are left entirely to their own accessors (lazily loaded images are never
- * loaded here). For an eligible image the detection result is computed from
- * a snapshot of its matrix header, so the pixels must not change while the
- * prefetcher lives. An image whose pixels are byte-identical (same size,
- * type and bytes) to those of the eligible image before it gets a copy of
- * that image's result instead of a detection of its own.
+ * Eligible images are those without an object list yet that either hold
+ * their pixels when the prefetcher is made (made from a matrix, or loaded)
+ * or are covered by the pixel source, when one is given; others are left
+ * entirely to their own accessors (lazily loaded images are never loaded
+ * here). For an image holding its pixels the detection result is computed
+ * from a snapshot of its matrix header, so the pixels must not change while
+ * the prefetcher lives; for a covered one, from what the source gives. An
+ * image whose pixels are byte-identical (same size, type and bytes) to those
+ * of the eligible image before it gets a copy of that image's result instead
+ * of a detection of its own: compared for images holding their pixels, as
+ * the source tells for two covered neighbours.
  *
  * Results are computed by the calling thread and, when asked for, one worker
- * thread that works a bounded distance ahead of the last index provided.
- * Each of the two detects in a DetectionWorkspace of its own, kept for the
- * prefetcher's life. A
+ * thread that works ahead of the last index provided, as far as the next
+ * few images that need a detection. Each of the two detects in a
+ * DetectionWorkspace of its own, kept for the prefetcher's life. A
  * result reaches an Image only through Provide(), on the calling thread, so
  * each Image ends up with exactly what its own accessors would have
  * computed, and only the Images the search reached are touched. The worker
@@ -47,7 +69,8 @@ namespace detail {
  */
 class ObjectPrefetch {
 public:
-    ObjectPrefetch(ImageSets& sets, bool useWorker);
+    /** @p source, when not null, must outlive the prefetcher. */
+    ObjectPrefetch(ImageSets& sets, bool useWorker, const PixelSource* source = nullptr);
     ~ObjectPrefetch();
     ObjectPrefetch(const ObjectPrefetch&) = delete;
     ObjectPrefetch& operator=(const ObjectPrefetch&) = delete;
@@ -67,24 +90,38 @@ private:
     struct Slot {
         State state = State::Ineligible;
         cv::Mat pixels;      // header snapshot of the eligible image's matrix
+        bool fromSource = false;  // read through the pixel source instead
         int sameAs = -1;     // earlier eligible index with byte-identical pixels
         std::shared_ptr<const std::vector<Rect>> objects;
         double ratio = 0.0;
     };
 
+    // The last index the worker may claim once @p index is provided: that of
+    // the kLookahead-th slot needing a detection after it.
+    int horizonAfter(int index) const;
     // Claims the lowest unclaimed index at or beyond the cursor and not past
     // the horizon; -1 when there is none. Caller holds the lock.
     int claimNext();
-    // Computes the result of a claimed slot (outside the lock, detecting in
-    // @p workspace) and stores it.
-    void work(int index, std::unique_lock<std::mutex>& lock, DetectionWorkspace& workspace);
+    // A thread's buffers: pixels read from the source, the detection's own.
+    struct Scratch {
+        cv::Mat pixels;
+        DetectionWorkspace workspace;
+    };
+
+    // Marks the eligible images and links covered repeats to their run.
+    void findEligible(const PixelSource* source);
+    // Computes the result of a claimed slot (outside the lock, in @p scratch)
+    // and stores it.
+    void work(int index, std::unique_lock<std::mutex>& lock, Scratch& scratch);
     // Index whose result slot @p index shares (following sameAs links).
     int representative(int index) const;
     void workerLoop();
 
     ImageSets& sets_;
+    const PixelSource* source_;
     std::vector<Slot> slots_;
-    DetectionWorkspace callerWorkspace_;  // used only by the calling thread
+    std::vector<int> toDetect_;  // ascending indices of the slots still unclaimed at the start
+    Scratch callerScratch_;      // used only by the calling thread
     std::mutex mutex_;
     std::condition_variable changed_;
     int cursor_ = 0;

@@ -1,5 +1,6 @@
 #include "VyraAnalyzer.h"
 
+#include "AnalysisEntry.h"
 #include "FrameAlignment.h"
 #include "ObjectPrefetch.h"
 
@@ -56,14 +57,7 @@ AnalysisResult Analyzer::Analyze(std::vector<cv::Mat>& frames, VyraPageType type
 }
 
 AnalysisResult Analyzer::Analyze(ImageSets& sets, VyraPageType type, bool searchStableBaseline) const {
-    switch (type) {
-    case STATIC_PAGE:
-        return AnalyzeStaticPage(sets, searchStableBaseline);
-    case DYNAMIC_PAGE:
-        return AnalyzeDynamicPage(sets);
-    default:
-        return AnalysisResult();
-    }
+    return detail::Analyze(*this, sets, type, searchStableBaseline, nullptr);
 }
 
 // ---------------------------------------------------------------- predicates
@@ -189,36 +183,39 @@ int Analyzer::FindBaselineImage(ImageSets& sets, bool searchStableBaseline) cons
     return candidate;
 }
 
-AnalysisResult Analyzer::AnalyzeStaticPage(ImageSets& sets, bool searchStableBaseline) const {
+namespace {
+
+AnalysisResult analyzeStaticPage(const Analyzer& analyzer, ImageSets& sets, bool searchStableBaseline,
+                                 const detail::PixelSource* source) {
     AnalysisResult result;
     const int n = sets.size();
     result.imageCount = static_cast<size_t>(n);
     if (n == 0) return result;
 
-    const int b = FindBaselineImage(sets, searchStableBaseline);
+    const int b = analyzer.FindBaselineImage(sets, searchStableBaseline);
     if (b < 0) return result;
     StaticPageAnalysisResult& found = result.staticResult;
     found.baselineIndex = b;
 
-    CheckAndResizeImages(sets, b);
-    ReduceUselessImages(sets, b + 1, n - 1);
+    Analyzer::CheckAndResizeImages(sets, b);
+    Analyzer::ReduceUselessImages(sets, b + 1, n - 1);
 
     // The searches below ask for objects in index order; they are detected
     // once per run of identical frames and, on a second core, ahead of the
     // search. Each Provide comes right before the accessors that would
     // detect (with the ratio where IsNonBlankImage computes it).
-    detail::ObjectPrefetch prefetch(sets, true);
+    detail::ObjectPrefetch prefetch(sets, true, source);
 
     found.objectCounts.assign(static_cast<size_t>(n), 0);
     prefetch.Provide(b, true);
     found.objectCounts[static_cast<size_t>(b)] = static_cast<size_t>(sets[b].GetImageObjectsSize());
 
-    if (IsNonBlankImage(sets, b)) {
+    if (analyzer.IsNonBlankImage(sets, b)) {
         result.loadFinishedIndex = b;
         for (int i = 0; i < b; ++i) {
             prefetch.Provide(i, true);
             found.objectCounts[static_cast<size_t>(i)] = static_cast<size_t>(sets[i].GetImageObjectsSize());
-            if (IsNonBlankImage(sets, i) && IsImagesSimilar(sets, i, b)) {
+            if (analyzer.IsNonBlankImage(sets, i) && analyzer.IsImagesSimilar(sets, i, b)) {
                 result.loadFinishedIndex = i;
                 break;
             }
@@ -232,7 +229,7 @@ AnalysisResult Analyzer::AnalyzeStaticPage(ImageSets& sets, bool searchStableBas
     bool previousLogo = false;
     for (int i = 0; i <= limit; ++i) {
         prefetch.Provide(i, false);
-        const bool isLogo = IsLogoImage(sets[i].GetImageObjects(), centralArea(sets[i]));
+        const bool isLogo = Analyzer::IsLogoImage(sets[i].GetImageObjects(), centralArea(sets[i]));
         if (found.logoAppearIndex == -1 && isLogo) found.logoAppearIndex = i;
         if (!isLogo && previousLogo) {
             found.logoDisappearIndex = i;
@@ -244,12 +241,18 @@ AnalysisResult Analyzer::AnalyzeStaticPage(ImageSets& sets, bool searchStableBas
     const int start = found.logoDisappearIndex >= 0 ? found.logoDisappearIndex : 0;
     for (int i = start; i < n; ++i) {
         prefetch.Provide(i, false);
-        if (IsValidFirstFrameImage(sets[i].GetImageObjects(), centralArea(sets[i]))) {
+        if (Analyzer::IsValidFirstFrameImage(sets[i].GetImageObjects(), centralArea(sets[i]))) {
             found.firstFrameIndex = i;
             break;
         }
     }
     return result;
+}
+
+}  // namespace
+
+AnalysisResult Analyzer::AnalyzeStaticPage(ImageSets& sets, bool searchStableBaseline) const {
+    return analyzeStaticPage(*this, sets, searchStableBaseline, nullptr);
 }
 
 // ---------------------------------------------------------------- feature matches
@@ -360,7 +363,9 @@ cv::Vec4i Analyzer::AnalyzeMotion(const FeaturesMatchingInfo& info) {
     return cv::Vec4i(k1, k2, consistent, moving ? 1 : 0);
 }
 
-AnalysisResult Analyzer::AnalyzeDynamicPage(ImageSets& sets) const {
+namespace {
+
+AnalysisResult analyzeDynamicPage(const Analyzer& analyzer, ImageSets& sets, const detail::PixelSource* source) {
     AnalysisResult result;
     result.pageType = DYNAMIC_PAGE;
     const int n = sets.size();
@@ -371,8 +376,11 @@ AnalysisResult Analyzer::AnalyzeDynamicPage(ImageSets& sets) const {
 
     int start = 0;
     if (last > 1) {
+        // Objects in index order, as in the static analysis.
+        detail::ObjectPrefetch prefetch(sets, true, source);
         for (int i = 1; i <= last - 1; ++i) {
-            if (IsNonBlankImage(sets, i)) {
+            prefetch.Provide(i, true);
+            if (analyzer.IsNonBlankImage(sets, i)) {
                 start = i - 1;
                 found.motionStartIndex = i - 1;
                 found.firstNonBlankObjectCount = static_cast<size_t>(sets[i].GetImageObjectsSize());
@@ -383,7 +391,7 @@ AnalysisResult Analyzer::AnalyzeDynamicPage(ImageSets& sets) const {
     if (start >= last) return result;
 
     for (int j = start;; ++j) {
-        const cv::Vec4i motion = AnalyzeMotion(sets.GetImagesFeaturesMatchingInfo(j, j + 1, false));
+        const cv::Vec4i motion = Analyzer::AnalyzeMotion(sets.GetImagesFeaturesMatchingInfo(j, j + 1, false));
         const int k1 = motion[0], k2 = motion[1], good = motion[2];
         const bool moving = motion[3] != 0;
         found.featureMatchingResults.emplace_back(j, static_cast<unsigned long>(k1),
@@ -400,5 +408,27 @@ AnalysisResult Analyzer::AnalyzeDynamicPage(ImageSets& sets) const {
         if (j + 1 == last) return result;
     }
 }
+
+}  // namespace
+
+AnalysisResult Analyzer::AnalyzeDynamicPage(ImageSets& sets) const {
+    return analyzeDynamicPage(*this, sets, nullptr);
+}
+
+namespace detail {
+
+AnalysisResult Analyze(const Analyzer& analyzer, ImageSets& sets, VyraPageType type, bool searchStableBaseline,
+                       const PixelSource* source) {
+    switch (type) {
+    case STATIC_PAGE:
+        return analyzeStaticPage(analyzer, sets, searchStableBaseline, source);
+    case DYNAMIC_PAGE:
+        return analyzeDynamicPage(analyzer, sets, source);
+    default:
+        return AnalysisResult();
+    }
+}
+
+}  // namespace detail
 
 }  // namespace vyra

@@ -6,9 +6,9 @@
 
 #include <opencv2/core.hpp>
 
+#include "AnalysisEntry.h"
 #include "DefaultThresholds.h"
 #include "FrameAlignment.h"
-#include "ImageCacheAccess.h"
 #include "LoadWindow.h"
 #include "MeasureIntake.h"
 #include "VyraAnalyzer.h"
@@ -73,8 +73,7 @@ void validateOptions(const MeasureOptions& options) {
 }
 
 // Image @p index of the analysis: pixels loaded from the store on demand and
-// brought to the size of the last frame the way the analysis would; objects
-// installed when the intake detected them on a frame of that size.
+// brought to the size of the last frame the way the analysis would.
 Image storedImage(const detail::Intake& intake, size_t index, detail::LoadWindow& window) {
     const cv::Size last = intake.store.FrameSize(intake.store.Size() - 1);
     const cv::Size size = intake.store.FrameSize(index);
@@ -87,13 +86,26 @@ Image storedImage(const detail::Intake& intake, size_t index, detail::LoadWindow
         return pixels;
     };
     std::vector<Rect> none;
-    Image image(loader, none, last.width, last.height, -1.0, static_cast<int>(index));
-    const std::shared_ptr<const detail::FrameObjects>& known = intake.objects[index];
-    if (known && known->size == last) {
-        detail::ImageCacheAccess::Install(image, known->objects, &known->contentRatio);
-    }
-    return image;
+    return Image(loader, none, last.width, last.height, -1.0, static_cast<int>(index));
 }
+
+// The stored frames of the size of the last one, whose images load them
+// unchanged, read for the object detection without loading the images.
+class StoredPixels : public detail::PixelSource {
+public:
+    explicit StoredPixels(const detail::FrameStore& store)
+        : store_(store), last_(store.FrameSize(store.Size() - 1)) {}
+
+    bool Covers(int index) const override { return store_.FrameSize(static_cast<size_t>(index)) == last_; }
+
+    bool SameAsPrevious(int index) const override { return store_.SameAsPrevious(static_cast<size_t>(index)); }
+
+    void LoadInto(int index, cv::Mat& pixels) const override { store_.LoadInto(static_cast<size_t>(index), pixels); }
+
+private:
+    const detail::FrameStore& store_;
+    const cv::Size last_;
+};
 
 AnalysisResult analyse(const detail::Intake& intake, const MeasureOptions& options) {
     detail::ReportProgress(options, MeasureStage::Analysing, 0, 1);
@@ -112,7 +124,8 @@ AnalysisResult analyse(const detail::Intake& intake, const MeasureOptions& optio
                                 detail::kSimilarOverlapRatio, detail::kContentRatioThreshold,
                                 detail::kObjectCountThreshold);
         try {
-            analysis = analyzer.Analyze(sets, options.pageType, options.stableBaseline);
+            const StoredPixels stored(intake.store);
+            analysis = detail::Analyze(analyzer, sets, options.pageType, options.stableBaseline, &stored);
         } catch (const cv::Exception& e) {
             throw MeasureError(VYRA_ERROR_INTERNAL, std::string("the analysis failed: ") + e.what());
         }
@@ -193,7 +206,7 @@ MeasureResult buildResult(AnalysisResult analysis, const detail::Intake& intake,
 
 MeasureResult Measure(const std::string& path, const MeasureOptions& options) {
     validateOptions(options);
-    const detail::Intake intake = detail::ReadRecording(path, options, options.pageType == STATIC_PAGE);
+    const detail::Intake intake = detail::ReadRecording(path, options);
     const cv::Size size = intake.store.FrameSize(intake.store.Size() - 1);
     AnalysisResult analysis = analyse(intake, options);
     return buildResult(std::move(analysis), intake, size.width, size.height, options);
