@@ -76,7 +76,7 @@ bool FrameStore::Append(const cv::Mat& frame, std::vector<cv::Range>* changedRow
     entry.cols = frame.cols;
     entry.type = frame.type();
 
-    auto bands = std::make_shared<Bands>();
+    auto bands = std::make_shared<BandList>();
     size_t added = 0;
     bool allShared = comparable;
     std::vector<cv::Range> changed;
@@ -138,6 +138,8 @@ void FrameStore::LoadInto(size_t k, cv::Mat& pixels) const {
         y += band.rows;
     }
 }
+
+std::shared_ptr<const std::vector<cv::Mat>> FrameStore::Bands(size_t k) const { return frames_.at(k).bands; }
 
 size_t FrameStore::BytesHeld() const { return bytesHeld_; }
 

@@ -75,17 +75,24 @@ public:
      */
     void LoadInto(size_t k, cv::Mat& pixels) const;
 
+    /**
+     * The bands of frame @p k, top to bottom (none for an empty frame). A
+     * band shared between frames is the same matrix in each, and band memory
+     * is never rewritten while the store lives.
+     */
+    std::shared_ptr<const std::vector<cv::Mat>> Bands(size_t k) const;
+
     /** Pixel bytes held, every shared band counted once. */
     size_t BytesHeld() const;
 
 private:
-    using Bands = std::vector<cv::Mat>;
+    using BandList = std::vector<cv::Mat>;
 
     struct Frame {
         int rows = 0;
         int cols = 0;
         int type = 0;
-        std::shared_ptr<const Bands> bands;
+        std::shared_ptr<const BandList> bands;
         bool sameAsPrevious = false;
     };
 

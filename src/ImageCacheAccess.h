@@ -15,8 +15,8 @@ namespace vyra {
 namespace detail {
 
 struct ImageCacheAccess {
-    /** Content ratio of a union area @p area over the pixels of @p pixels (0.0 without pixels). */
-    static double RatioOf(int area, const cv::Mat& pixels);
+    /** Content ratio of a union area @p area over a frame of @p pixelCount pixels (0.0 for none). */
+    static double RatioOf(int area, size_t pixelCount);
 
     /** True when the Image holds its pixels now (loaded, or made from a matrix): Pixels() is them. */
     static bool IsResident(const Image& image);

@@ -33,6 +33,13 @@ bool samePixels(const cv::Mat& a, const cv::Mat& b) {
     return true;
 }
 
+// Pixels of the frame that @p bands make.
+size_t pixelCount(const std::vector<cv::Mat>& bands) {
+    size_t count = 0;
+    for (const cv::Mat& band : bands) count += band.total();
+    return count;
+}
+
 }  // namespace
 
 ObjectPrefetch::ObjectPrefetch(ImageSets& sets, bool useWorker, const PixelSource* source)
@@ -98,7 +105,7 @@ int ObjectPrefetch::claimNext() {
     return -1;
 }
 
-void ObjectPrefetch::work(int index, std::unique_lock<std::mutex>& lock, Scratch& scratch) {
+void ObjectPrefetch::work(int index, std::unique_lock<std::mutex>& lock, DetectionWorkspace& workspace) {
     const bool fromSource = slots_[static_cast<size_t>(index)].fromSource;
     cv::Mat pixels = slots_[static_cast<size_t>(index)].pixels;
     const bool previousEligible =
@@ -112,14 +119,15 @@ void ObjectPrefetch::work(int index, std::unique_lock<std::mutex>& lock, Scratch
     double ratio = 0.0;
     try {
         if (fromSource) {
-            source_->LoadInto(index, scratch.pixels);
-            pixels = scratch.pixels;
-        }
-        if (!fromSource && previousEligible && samePixels(previous, pixels)) {
+            const std::shared_ptr<const std::vector<cv::Mat>> bands = source_->Bands(index);
+            auto detected = std::make_shared<std::vector<Rect>>(workspace.DetectBands(*bands));
+            ratio = ImageCacheAccess::RatioOf(Rect::CalculateTotalArea(*detected), pixelCount(*bands));
+            objects = std::move(detected);
+        } else if (previousEligible && samePixels(previous, pixels)) {
             sameAs = index - 1;
         } else {
-            auto detected = std::make_shared<std::vector<Rect>>(scratch.workspace.Detect(pixels));
-            ratio = ImageCacheAccess::RatioOf(Rect::CalculateTotalArea(*detected), pixels);
+            auto detected = std::make_shared<std::vector<Rect>>(workspace.Detect(pixels));
+            ratio = ImageCacheAccess::RatioOf(Rect::CalculateTotalArea(*detected), pixels.total());
             objects = std::move(detected);
         }
     } catch (...) {
@@ -156,13 +164,13 @@ void ObjectPrefetch::Provide(int index, bool withRatio) {
         switch (slot.state) {
         case State::Unclaimed:
             slot.state = State::Working;
-            work(source, lock, callerScratch_);
+            work(source, lock, callerWorkspace_);
             break;
         case State::Working: {
             // Busy on the worker: compute the next result meanwhile, or wait.
             const int next = claimNext();
             if (next >= 0) {
-                work(next, lock, callerScratch_);
+                work(next, lock, callerWorkspace_);
             } else {
                 changed_.wait(lock);
             }
@@ -179,12 +187,12 @@ void ObjectPrefetch::Provide(int index, bool withRatio) {
 }
 
 void ObjectPrefetch::workerLoop() {
-    Scratch scratch;
+    DetectionWorkspace workspace;
     std::unique_lock<std::mutex> lock(mutex_);
     while (!stopping_) {
         const int next = claimNext();
         if (next >= 0) {
-            work(next, lock, scratch);
+            work(next, lock, workspace);
         } else {
             changed_.wait(lock);
         }

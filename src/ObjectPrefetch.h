@@ -22,21 +22,26 @@ namespace detail {
 
 /**
  * Where a prefetcher reads the pixels of images that do not hold them,
- * without loading the Images: for a covered image, LoadInto() gives exactly
- * the pixels the Image would hold once loaded. Called from two threads at once.
+ * without loading the Images: for a covered image, Bands() gives exactly the
+ * pixels the Image would hold once loaded. Called from two threads at once.
  */
 class PixelSource {
 public:
     virtual ~PixelSource() = default;
 
-    /** True when image @p index can be read through LoadInto(). */
+    /** True when image @p index can be read through Bands(). */
     virtual bool Covers(int index) const = 0;
 
     /** True when covered image @p index (> 0) has the pixels of image index - 1. */
     virtual bool SameAsPrevious(int index) const = 0;
 
-    /** Puts the pixels of covered image @p index in @p pixels, reusing its buffer when it can. */
-    virtual void LoadInto(int index, cv::Mat& pixels) const = 0;
+    /**
+     * The pixels of covered image @p index as row bands of one width and
+     * type, top to bottom (see DetectionWorkspace::DetectBands): bands at
+     * the same place of two images with the same data pointer hold the same
+     * bytes, and band memory is never rewritten while the source lives.
+     */
+    virtual std::shared_ptr<const std::vector<cv::Mat>> Bands(int index) const = 0;
 };
 
 /**
@@ -102,17 +107,12 @@ private:
     // Claims the lowest unclaimed index at or beyond the cursor and not past
     // the horizon; -1 when there is none. Caller holds the lock.
     int claimNext();
-    // A thread's buffers: pixels read from the source, the detection's own.
-    struct Scratch {
-        cv::Mat pixels;
-        DetectionWorkspace workspace;
-    };
-
     // Marks the eligible images and links covered repeats to their run.
     void findEligible(const PixelSource* source);
-    // Computes the result of a claimed slot (outside the lock, in @p scratch)
-    // and stores it.
-    void work(int index, std::unique_lock<std::mutex>& lock, Scratch& scratch);
+    // Computes the result of a claimed slot (outside the lock, in the
+    // thread's own @p workspace, which keeps the grey rows of the bands it
+    // read last from the source) and stores it.
+    void work(int index, std::unique_lock<std::mutex>& lock, DetectionWorkspace& workspace);
     // Index whose result slot @p index shares (following sameAs links).
     int representative(int index) const;
     void workerLoop();
@@ -121,7 +121,7 @@ private:
     const PixelSource* source_;
     std::vector<Slot> slots_;
     std::vector<int> toDetect_;  // ascending indices of the slots still unclaimed at the start
-    Scratch callerScratch_;      // used only by the calling thread
+    DetectionWorkspace callerWorkspace_;  // used only by the calling thread
     std::mutex mutex_;
     std::condition_variable changed_;
     int cursor_ = 0;

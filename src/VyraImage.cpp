@@ -132,14 +132,14 @@ int Image::GetImageObjectsSize() { return static_cast<int>(GetImageObjects().siz
 double Image::GetContentRatio() {
     if (contentRatio >= 0.0) return contentRatio;
     const int area = Rect::CalculateTotalArea(GetImageObjects());
-    contentRatio = detail::ImageCacheAccess::RatioOf(area, img());
+    contentRatio = detail::ImageCacheAccess::RatioOf(area, img().total());
     return contentRatio;
 }
 
 namespace detail {
 
-double ImageCacheAccess::RatioOf(int area, const cv::Mat& pixels) {
-    const double total = static_cast<double>(pixels.total());
+double ImageCacheAccess::RatioOf(int area, size_t pixelCount) {
+    const double total = static_cast<double>(pixelCount);
     return total > 0.0 ? static_cast<double>(area) / total : 0.0;
 }
 

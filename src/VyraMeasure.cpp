@@ -100,7 +100,9 @@ public:
 
     bool SameAsPrevious(int index) const override { return store_.SameAsPrevious(static_cast<size_t>(index)); }
 
-    void LoadInto(int index, cv::Mat& pixels) const override { store_.LoadInto(static_cast<size_t>(index), pixels); }
+    std::shared_ptr<const std::vector<cv::Mat>> Bands(int index) const override {
+        return store_.Bands(static_cast<size_t>(index));
+    }
 
 private:
     const detail::FrameStore& store_;

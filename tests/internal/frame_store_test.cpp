@@ -82,6 +82,22 @@ TEST(FrameStore, SharesBandsEqualToThePreviousFramesAndCountsEachOnce) {
     EXPECT_TRUE(sameBytes(store.Load(1), first));
     EXPECT_TRUE(sameBytes(store.Load(2), second));
     EXPECT_TRUE(sameBytes(store.Load(3), third));
+
+    // The bands themselves: the shared ones are the very same memory.
+    const std::vector<cv::Mat>& bands1 = *store.Bands(1);
+    const std::vector<cv::Mat>& bands2 = *store.Bands(2);
+    const std::vector<cv::Mat>& bands3 = *store.Bands(3);
+    ASSERT_EQ(bands2.size(), 4u);
+    const std::vector<int> bandRows = {FrameStore::kBandRows, FrameStore::kBandRows, FrameStore::kBandRows, 5};
+    for (size_t i = 0; i < 4; ++i) {
+        EXPECT_EQ(bands2[i].rows, bandRows[i]) << "band " << i;
+        EXPECT_EQ(bands2[i].data == bands1[i].data, i != 1) << "band " << i;
+        EXPECT_EQ(bands3[i].data == bands2[i].data, i != 3) << "band " << i;
+    }
+    cv::Mat stacked;
+    cv::vconcat(bands3, stacked);
+    EXPECT_TRUE(sameBytes(stacked, third));
+    EXPECT_EQ(store.Bands(0), store.Bands(1));  // a repeated frame shares the whole list
 }
 
 TEST(FrameStore, ReportsTheRowsOfTheBandsItCouldNotShare) {

@@ -5,6 +5,7 @@
 // equal, and everything else is left to the Images' own accessors.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <memory>
 #include <mutex>
 #include <set>
@@ -28,14 +29,21 @@ using vyra::detail::ImageCacheAccess;
 using vyra::detail::ObjectPrefetch;
 using vyra::detail::PixelSource;
 
-// Frames in a list; a frame is declared equal to the previous one when its
-// bytes are (checked here with cv::norm, independently of the prefetcher).
-// Counts its reads; reading a frame listed in `failing` throws.
+// Frames in a list, each read as bands of 16 rows (views of its own rows,
+// made once); a frame is declared equal to the previous one when its bytes
+// are (checked here with cv::norm, independently of the prefetcher). Counts
+// its reads; reading a frame listed in `failing` throws.
 class ListSource : public PixelSource {
 public:
     ListSource(std::vector<cv::Mat> frames, std::vector<bool> covered, std::set<int> failing = {})
         : frames_(std::move(frames)), covered_(std::move(covered)), failing_(std::move(failing)),
-          reads_(frames_.size(), 0) {}
+          reads_(frames_.size(), 0) {
+        for (const cv::Mat& frame : frames_) {
+            auto bands = std::make_shared<std::vector<cv::Mat>>();
+            for (int y = 0; y < frame.rows; y += 16) bands->push_back(frame.rowRange(y, std::min(y + 16, frame.rows)));
+            bands_.push_back(std::move(bands));
+        }
+    }
 
     bool Covers(int index) const override { return covered_[static_cast<size_t>(index)]; }
 
@@ -45,13 +53,13 @@ public:
         return a.size() == b.size() && a.type() == b.type() && cv::norm(a, b, cv::NORM_INF) == 0.0;
     }
 
-    void LoadInto(int index, cv::Mat& pixels) const override {
+    std::shared_ptr<const std::vector<cv::Mat>> Bands(int index) const override {
         {
             std::lock_guard<std::mutex> lock(mutex_);
             ++reads_[static_cast<size_t>(index)];
         }
         if (failing_.count(index) != 0) throw std::runtime_error("unreadable");
-        frames_[static_cast<size_t>(index)].copyTo(pixels);
+        return bands_[static_cast<size_t>(index)];
     }
 
     int reads(int index) const {
@@ -61,6 +69,7 @@ public:
 
 private:
     std::vector<cv::Mat> frames_;
+    std::vector<std::shared_ptr<const std::vector<cv::Mat>>> bands_;
     std::vector<bool> covered_;
     std::set<int> failing_;
     mutable std::mutex mutex_;
