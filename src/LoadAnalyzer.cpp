@@ -23,8 +23,8 @@
 #include <opencv2/imgcodecs.hpp>
 #include <opencv2/videoio.hpp>
 
-#include "DefaultThresholds.h"
-#include "LargeFrameAllocator.h"
+#include "analysis/Thresholds.h"
+#include "store/LargeFrameAllocator.h"
 #include "VyraAnalysisResults.h"
 #include "VyraAnalyzer.h"
 

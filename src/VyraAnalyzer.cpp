@@ -1,8 +1,8 @@
 #include "VyraAnalyzer.h"
 
-#include "AnalysisEntry.h"
-#include "FrameAlignment.h"
-#include "ObjectPrefetch.h"
+#include "analysis/AnalysisEntry.h"
+#include "analysis/FrameAlignment.h"
+#include "analysis/ObjectPrefetch.h"
 
 #include <algorithm>
 #include <cmath>

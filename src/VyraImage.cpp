@@ -1,7 +1,7 @@
 #include "VyraImage.h"
 
-#include "ImageCacheAccess.h"
-#include "ObjectDetection.h"
+#include "analysis/ImageCacheAccess.h"
+#include "analysis/ObjectDetection.h"
 
 #include <utility>
 

@@ -12,8 +12,8 @@
 #include <opencv2/core.hpp>
 #include <opencv2/imgproc.hpp>
 
-#include "FrameStore.h"
-#include "ObjectDetection.h"
+#include "store/FrameStore.h"
+#include "analysis/ObjectDetection.h"
 #include "fixtures.h"
 
 namespace {

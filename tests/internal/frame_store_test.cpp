@@ -10,9 +10,9 @@
 
 #include <opencv2/core.hpp>
 
-#include "FrameStore.h"
-#include "LargeFrameAllocator.h"
-#include "LoadWindow.h"
+#include "store/FrameStore.h"
+#include "store/LargeFrameAllocator.h"
+#include "measure/LoadWindow.h"
 #include "VyraImage.h"
 
 namespace {

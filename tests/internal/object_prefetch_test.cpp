@@ -14,8 +14,8 @@
 
 #include <opencv2/core.hpp>
 
-#include "ImageCacheAccess.h"
-#include "ObjectPrefetch.h"
+#include "analysis/ImageCacheAccess.h"
+#include "analysis/ObjectPrefetch.h"
 #include "VyraImage.h"
 #include "VyraImageSets.h"
 #include "fixtures.h"

@@ -3,7 +3,7 @@
 #ifndef VYRA_ANALYSIS_ENTRY_H
 #define VYRA_ANALYSIS_ENTRY_H
 
-#include "ObjectPrefetch.h"
+#include "analysis/ObjectPrefetch.h"
 #include "VyraAnalysisResults.h"
 #include "VyraAnalyzer.h"
 #include "VyraImageSets.h"

@@ -13,7 +13,7 @@
 
 #include <opencv2/core.hpp>
 
-#include "ObjectDetection.h"
+#include "analysis/ObjectDetection.h"
 #include "VyraImageSets.h"
 #include "VyraRect.h"
 

@@ -1,4 +1,4 @@
-#include "ObjectPrefetch.h"
+#include "analysis/ObjectPrefetch.h"
 
 #include <algorithm>
 #include <cstddef>
@@ -6,7 +6,7 @@
 #include <system_error>
 #include <utility>
 
-#include "ImageCacheAccess.h"
+#include "analysis/ImageCacheAccess.h"
 #include "VyraImage.h"
 
 namespace vyra {

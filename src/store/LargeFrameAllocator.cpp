@@ -1,4 +1,4 @@
-#include "LargeFrameAllocator.h"
+#include "store/LargeFrameAllocator.h"
 
 #include <cstdint>
 

@@ -1,4 +1,4 @@
-#include "MeasureIntake.h"
+#include "measure/Intake.h"
 
 #include <algorithm>
 #include <condition_variable>
@@ -13,8 +13,8 @@
 #include <opencv2/imgcodecs.hpp>
 #include <opencv2/imgproc.hpp>
 
-#include "LargeFrameAllocator.h"
-#include "VyraFrameSource.h"
+#include "store/LargeFrameAllocator.h"
+#include "recording/FrameSource.h"
 
 namespace vyra {
 namespace detail {

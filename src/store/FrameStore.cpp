@@ -1,11 +1,11 @@
-#include "FrameStore.h"
+#include "store/FrameStore.h"
 
 #include <algorithm>
 #include <cstring>
 #include <new>
 #include <utility>
 
-#include "LargeFrameAllocator.h"
+#include "store/LargeFrameAllocator.h"
 
 namespace vyra {
 namespace detail {

@@ -1,4 +1,4 @@
-#include "VyraFrameSource.h"
+#include "recording/FrameSource.h"
 
 #include <algorithm>
 #include <cmath>

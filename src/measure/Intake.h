@@ -12,7 +12,7 @@
 
 #include <opencv2/core.hpp>
 
-#include "FrameStore.h"
+#include "store/FrameStore.h"
 #include "VyraMeasure.h"
 #include "VyraVisualProgress.h"
 

@@ -6,11 +6,11 @@
 
 #include <opencv2/core.hpp>
 
-#include "AnalysisEntry.h"
-#include "DefaultThresholds.h"
-#include "FrameAlignment.h"
-#include "LoadWindow.h"
-#include "MeasureIntake.h"
+#include "analysis/AnalysisEntry.h"
+#include "analysis/Thresholds.h"
+#include "analysis/FrameAlignment.h"
+#include "measure/LoadWindow.h"
+#include "measure/Intake.h"
 #include "VyraAnalyzer.h"
 #include "VyraImage.h"
 #include "VyraImageSets.h"

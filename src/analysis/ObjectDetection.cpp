@@ -1,4 +1,4 @@
-#include "ObjectDetection.h"
+#include "analysis/ObjectDetection.h"
 
 #include <algorithm>
 #include <set>
@@ -6,7 +6,7 @@
 #include <opencv2/imgproc.hpp>
 #include <opencv2/imgproc/imgproc_c.h>
 
-#include "LargeFrameAllocator.h"
+#include "store/LargeFrameAllocator.h"
 
 namespace vyra {
 namespace detail {
