@@ -109,8 +109,8 @@
 
 #include "VyraAnalysisResults.h"
 #include "VyraExport.h"
+#include "VyraStatus.h"
 #include "VyraVisualProgress.h"
-#include "vyra.h"
 
 namespace vyra {
 

@@ -1,40 +1,44 @@
 #include "LoadAnalyzer.h"
 
-#include <dirent.h>
-
 #include <algorithm>
-#include <condition_variable>
 #include <cstdarg>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
-#include <deque>
 #include <exception>
 #include <fstream>
 #include <iostream>
 #include <limits>
 #include <memory>
-#include <mutex>
-#include <system_error>
-#include <thread>
 #include <utility>
 
-#include <opencv2/imgcodecs.hpp>
-#include <opencv2/videoio.hpp>
-
-#include "analysis/Thresholds.h"
-#include "store/LargeFrameAllocator.h"
 #include "VyraAnalysisResults.h"
 #include "VyraAnalyzer.h"
+#include "analysis/Thresholds.h"
+#include "recording/FrameFiles.h"
+#include "recording/FrameSaver.h"
+#include "recording/FrameSource.h"
+#include "store/LargeFrameAllocator.h"
+
+using vyra::detail::FrameRange;
+using vyra::detail::FrameSaver;
+using vyra::detail::FrameSource;
+using vyra::detail::ListFrameFiles;
+using vyra::detail::OpenFolderSource;
+using vyra::detail::OpenVideoSource;
+using vyra::detail::ParseNameTime;
+using vyra::detail::Policy;
+using vyra::detail::SortFrameNames;
+using vyra::detail::SourceFrame;
+using vyra::detail::SourceOptions;
 
 namespace {
 
 // ------------------------------------------------------------------ constants
 
 const char* const kVideoExtensions[] = {"mkv", "mp4", "mov", "rm", "ram"};
-const char* const kFrameExtension = "png";
-const char* const kSavedFramePattern = "frames/%08d.png";
+const char* const kSavedFrameFolder = "frames";
 const int kFirstSavedFrameNumber = 18938;
 const char* const kReportFile = "record.log";
 const int kTimestampMode = 1;
@@ -62,125 +66,26 @@ std::string formatText(const char* format, ...) {
     return text;
 }
 
-// Every byte of a regular file, or nothing when it cannot be opened or read
-// (a directory opens but fails on the first read).
-std::vector<uchar> readFileBytes(const std::string& file) {
-    std::vector<uchar> bytes;
-    std::ifstream in(file, std::ios::in | std::ios::binary);
-    if (!in.is_open()) {
-        return bytes;
-    }
-    std::vector<char> chunk(1 << 16);
-    for (;;) {
-        in.read(chunk.data(), static_cast<std::streamsize>(chunk.size()));
-        const std::streamsize got = in.gcount();
-        bytes.insert(bytes.end(), chunk.begin(), chunk.begin() + got);
-        if (!in) {
-            break;
-        }
-    }
-    if (in.bad()) {
-        bytes.clear();
-    }
-    return bytes;
-}
-
-// The frame stored in a PNG file, or an empty matrix when the file gives none.
-cv::Mat decodeFrameFile(const std::string& file) {
-    const std::vector<uchar> bytes = readFileBytes(file);
-    if (bytes.empty()) {
-        return cv::Mat();
-    }
-    return cv::imdecode(bytes, cv::IMREAD_COLOR);
-}
-
-// Saves frames with cv::imwrite (no encoder parameters, result not looked
-// at) in the order given, on a worker thread when one can be started, else
-// at once on the caller's. The queue holds matrix headers that share the
-// caller's frames, at most kQueued of them; Save() waits while it is full.
-// An exception thrown by a save is passed on by Finish() (or dropped by the
-// destructor during unwinding) after the worker has been joined.
-class FrameSaver {
-public:
-    FrameSaver() {
-        try {
-            worker_ = std::thread(&FrameSaver::run, this);
-        } catch (const std::system_error&) {
-            // No thread: Save() writes directly.
-        }
-    }
-    ~FrameSaver() { stop(); }
-    FrameSaver(const FrameSaver&) = delete;
-    FrameSaver& operator=(const FrameSaver&) = delete;
-
-    void Save(std::string name, const cv::Mat& frame) {
-        if (!worker_.joinable()) {
-            cv::imwrite(name, frame);
-            return;
-        }
-        std::unique_lock<std::mutex> lock(mutex_);
-        space_.wait(lock, [this] { return queue_.size() < kQueued || failure_; });
-        if (failure_) return;  // later frames are not saved, as after a throw
-        queue_.emplace_back(std::move(name), frame);
-        ready_.notify_one();
-    }
-
-    void Finish() {
-        stop();
-        if (failure_) std::rethrow_exception(failure_);
-    }
-
-private:
-    static constexpr size_t kQueued = 16;
-
-    void stop() {
-        {
-            std::lock_guard<std::mutex> lock(mutex_);
-            closing_ = true;
-        }
-        ready_.notify_one();
-        if (worker_.joinable()) worker_.join();
-    }
-
-    void run() {
-        std::unique_lock<std::mutex> lock(mutex_);
-        for (;;) {
-            ready_.wait(lock, [this] { return !queue_.empty() || closing_; });
-            if (queue_.empty()) return;
-            std::pair<std::string, cv::Mat> job = std::move(queue_.front());
-            queue_.pop_front();
-            lock.unlock();
-            try {
-                cv::imwrite(job.first, job.second);
-            } catch (...) {
-                lock.lock();
-                failure_ = std::current_exception();
-                queue_.clear();
-                space_.notify_one();
-                return;
-            }
-            job.second.release();
-            lock.lock();
-            space_.notify_one();
-        }
-    }
-
-    std::mutex mutex_;
-    std::condition_variable ready_;
-    std::condition_variable space_;
-    std::deque<std::pair<std::string, cv::Mat>> queue_;
-    bool closing_ = false;
-    std::exception_ptr failure_;
-    std::thread worker_;
-};
-
-struct DirCloser {
-    void operator()(DIR* dir) const { closedir(dir); }
-};
-
 // Broken-down local time, or false when the calendar cannot represent it.
 bool toLocalTime(std::time_t when, std::tm& out) {
     return localtime_r(&when, &out) != nullptr;
+}
+
+// Appends every frame of @p source to @p mats, each in a buffer of its own
+// from the large-frame allocator; with @p saver, saves frame k as number
+// kFirstSavedFrameNumber + k.
+void readAll(FrameSource& source, std::vector<cv::Mat>& mats, FrameSaver* saver) {
+    for (long number = kFirstSavedFrameNumber;; ++number) {
+        SourceFrame frame;
+        vyra::detail::UseLargeFrameMemory(frame.pixels);
+        if (!source.Next(frame)) {
+            break;
+        }
+        if (saver != nullptr) {
+            saver->Save(frame.pixels, number);
+        }
+        mats.push_back(std::move(frame.pixels));
+    }
 }
 
 // Where analysis index @p index is found in the names list. Folder runs that
@@ -333,55 +238,29 @@ bool checkVideoFile(std::string path) {
 }
 
 void getFiles(std::string dir, std::vector<std::string>& files) {
-    const std::unique_ptr<DIR, DirCloser> listing(opendir(dir.c_str()));
-    if (listing) {
-        while (const dirent* entry = readdir(listing.get())) {
-            const std::string name(entry->d_name);
-            if (name.empty() || name[0] == '.') {
-                continue;
-            }
-            if (compareFileType(name, kFrameExtension)) {
-                files.push_back(name);
-            }
-        }
-    }
+    ListFrameFiles(dir, Policy::Historic, files);
     std::cout << "files size:: " << files.size() << std::endl;
 }
 
 void transformImages2Mats(std::string dir, std::vector<cv::Mat>& mats,
                           std::vector<std::string>& names, int startIndex, int endIndex) {
     getFiles(dir, names);
-    std::sort(names.begin(), names.end());
-
-    const size_t count = names.size();
-    const size_t start = startIndex > 0 ? static_cast<size_t>(startIndex) : 0;
-    const size_t requestedStop = endIndex > 1 ? static_cast<size_t>(endIndex) + 1 : count;
-    const size_t stop = std::min(requestedStop, count);
-    for (size_t position = start; position < stop; ++position) {
-        mats.push_back(decodeFrameFile(dir + "/" + names[position]));
-    }
+    SortFrameNames(names);
+    SourceOptions options;
+    options.range = FrameRange{startIndex, endIndex};
+    options.policy = Policy::Historic;
+    readAll(*OpenFolderSource(dir, names, options), mats, nullptr);
 }
 
 void transformVideo2Mats(std::string path, std::vector<cv::Mat>& mats) {
-    cv::VideoCapture capture(path, cv::CAP_ANY);
-    if (!capture.isOpened()) {
-        return;
-    }
+    SourceOptions options;
+    options.policy = Policy::Historic;
+    const std::unique_ptr<FrameSource> source = OpenVideoSource(path, options);
     // Frames are saved on a second thread while the next ones decode; the
-    // writer references the kept frames (no pixel copies) and is joined
-    // before this returns, so every file is complete by then.
-    FrameSaver saver;
-    for (int number = kFirstSavedFrameNumber;; ++number) {
-        cv::Mat frame;
-        vyra::detail::UseLargeFrameMemory(frame);
-        capture.read(frame);
-        if (frame.empty()) {
-            break;
-        }
-        saver.Save(formatText(kSavedFramePattern, number), frame);
-        mats.push_back(frame);
-    }
-    capture.release();
+    // writer references the kept frames (no pixel copies) and is done before
+    // this returns, so every file is complete by then.
+    FrameSaver saver(kSavedFrameFolder, Policy::Historic, true);
+    readAll(*source, mats, &saver);
     saver.Finish();
 }
 
@@ -395,9 +274,7 @@ int readFileName(std::vector<std::string>& names, int index) {
     if (index <= 0 || static_cast<size_t>(index) >= names.size()) {
         return 0;
     }
-    const std::string& name = names[static_cast<size_t>(index)];
-    const std::string stem = name.substr(0, name.rfind('.'));
-    const long long value = std::strtoll(stem.c_str(), nullptr, 10);
+    const long long value = ParseNameTime(names[static_cast<size_t>(index)]).value_or(0);
     return static_cast<int32_t>(static_cast<uint32_t>(value));
 }
 

@@ -2,24 +2,21 @@
 
 #include <algorithm>
 #include <condition_variable>
-#include <cstdio>
 #include <deque>
 #include <exception>
-#include <filesystem>
+#include <memory>
 #include <mutex>
 #include <thread>
 #include <utility>
 
-#include <opencv2/imgcodecs.hpp>
 #include <opencv2/imgproc.hpp>
 
-#include "store/LargeFrameAllocator.h"
+#include "recording/FrameSaver.h"
 #include "recording/FrameSource.h"
+#include "store/LargeFrameAllocator.h"
 
 namespace vyra {
 namespace detail {
-
-namespace fs = std::filesystem;
 
 std::string DescribeRegion(const Region& region) {
     return std::to_string(region.x) + "," + std::to_string(region.y) + "," +
@@ -129,43 +126,6 @@ private:
     std::vector<cv::Scalar> colours_;
 };
 
-// Writes the analysed frames as dir/%08d.png.
-class FrameSaver {
-public:
-    explicit FrameSaver(const std::string& dir) : dir_(dir) {
-        if (dir_.empty()) {
-            return;
-        }
-        std::error_code error;
-        fs::create_directories(dir_, error);
-        if (error || !fs::is_directory(dir_)) {
-            throw MeasureError(VYRA_ERROR_WRITE, "cannot create folder '" + dir_ + "'" +
-                                                     (error ? ": " + error.message() : ""));
-        }
-    }
-
-    void Save(const cv::Mat& frame, size_t index) const {
-        if (dir_.empty()) {
-            return;
-        }
-        char name[32];
-        std::snprintf(name, sizeof name, "%08zu.png", index);
-        const std::string file = (fs::path(dir_) / name).string();
-        bool written = false;
-        try {
-            written = cv::imwrite(file, frame);
-        } catch (const cv::Exception&) {
-            written = false;
-        }
-        if (!written) {
-            throw MeasureError(VYRA_ERROR_WRITE, "cannot write frame file '" + file + "'");
-        }
-    }
-
-private:
-    std::string dir_;
-};
-
 // The second thread of the intake. Frames arrive in order through a short
 // queue; each is prepared, saved, timed, tracked and stored, and its decode
 // buffer goes back to the decoder. The first failure stops the thread and is
@@ -176,7 +136,9 @@ public:
         : options_(options),
           intake_(intake),
           preparer_(options),
-          saver_(options.saveFramesDir),
+          saver_(options.saveFramesDir.empty()
+                     ? nullptr
+                     : std::make_unique<FrameSaver>(options.saveFramesDir, Policy::Quiet, false)),
           tracker_(options.visualProgress),
           spare_(reserved(kQueuedFrames + 2)),
           thread_(&FrameProcessor::run, this) {}
@@ -266,7 +228,7 @@ private:
     void process(SourceFrame& decoded) {
         const size_t index = intake_.store.Size();
         const cv::Mat frame = preparer_.Prepare(decoded.pixels, decoded.label);
-        saver_.Save(frame, index);
+        if (saver_) saver_->Save(frame, static_cast<long>(index));
         intake_.rawTimesMs.push_back(decoded.timeMs);
         const double timeMs = RelativeTimeMs(index, intake_.rawTimesMs, options_);
         const bool repeated = intake_.store.Append(frame, &changedRows_);
@@ -300,7 +262,7 @@ private:
     const MeasureOptions& options_;
     Intake& intake_;
     FramePreparer preparer_;
-    const FrameSaver saver_;
+    const std::unique_ptr<FrameSaver> saver_;  // null: frames are not saved
     VisualProgressTracker tracker_;
     std::vector<cv::Range> changedRows_;  // of the frame being processed
     cv::Mat lastFrame_;                   // pixels of the frame processed last
@@ -318,8 +280,10 @@ private:
 }  // namespace
 
 Intake ReadRecording(const std::string& path, const MeasureOptions& options) {
-    std::unique_ptr<FrameSource> source =
-        OpenFrameSource(path, FrameRange{options.start, options.end}, options.timing == Timing::Timestamps);
+    SourceOptions sourceOptions;
+    sourceOptions.range = FrameRange{options.start, options.end};
+    sourceOptions.timestamps = options.timing == Timing::Timestamps;
+    const std::unique_ptr<FrameSource> source = OpenFrameSource(path, sourceOptions);
     Intake intake;
     {
         FrameProcessor processor(options, intake);

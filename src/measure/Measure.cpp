@@ -10,6 +10,7 @@
 #include "analysis/Thresholds.h"
 #include "analysis/FrameAlignment.h"
 #include "measure/LoadWindow.h"
+#include "recording/RecordingError.h"
 #include "measure/Intake.h"
 #include "VyraAnalyzer.h"
 #include "VyraImage.h"
@@ -204,11 +205,20 @@ MeasureResult buildResult(AnalysisResult analysis, const detail::Intake& intake,
     return result;
 }
 
+// The intake's reading of the recording, its errors as MeasureError.
+detail::Intake readRecording(const std::string& path, const MeasureOptions& options) {
+    try {
+        return detail::ReadRecording(path, options);
+    } catch (const detail::RecordingError& e) {
+        throw MeasureError(e.status(), e.what());
+    }
+}
+
 }  // namespace
 
 MeasureResult Measure(const std::string& path, const MeasureOptions& options) {
     validateOptions(options);
-    const detail::Intake intake = detail::ReadRecording(path, options);
+    const detail::Intake intake = readRecording(path, options);
     const cv::Size size = intake.store.FrameSize(intake.store.Size() - 1);
     AnalysisResult analysis = analyse(intake, options);
     return buildResult(std::move(analysis), intake, size.width, size.height, options);

@@ -2,115 +2,39 @@
 
 #include <algorithm>
 #include <cmath>
-#include <cstdlib>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <limits>
 #include <system_error>
 #include <vector>
 
-#include <opencv2/imgcodecs.hpp>
 #include <opencv2/videoio.hpp>
 
-#include "VyraMeasure.h"
+#include "recording/RecordingError.h"
 
 namespace vyra {
 namespace detail {
 
 namespace fs = std::filesystem;
 
-size_t RangeFirst(const FrameRange& range) {
-    return range.start > 0 ? static_cast<size_t>(range.start) : 0;
-}
-
-size_t RangeStop(const FrameRange& range, size_t count) {
-    const size_t stop = range.end > 1 ? static_cast<size_t>(range.end) + 1 : count;
-    return std::min(stop, count);
-}
-
 FrameSource::~FrameSource() = default;
-
-std::optional<long long> ParseNameTime(const std::string& name) {
-    const size_t dot = name.rfind('.');
-    const std::string stem = dot == std::string::npos ? name : name.substr(0, dot);
-    const char* text = stem.c_str();
-    char* stop = nullptr;
-    const long long value = std::strtoll(text, &stop, 10);
-    if (stop == text) {
-        return std::nullopt;
-    }
-    return value;
-}
 
 namespace {
 
-std::string describeRange(const FrameRange& range) {
-    return "start " + std::to_string(range.start) + ", end " + std::to_string(range.end);
-}
-
 // ---- folder of PNG frames ----
-
-bool isFrameFileName(const std::string& name) {
-    if (name.empty() || name[0] == '.') {
-        return false;
-    }
-    const size_t dot = name.rfind('.');
-    const std::string extension = dot == std::string::npos ? name : name.substr(dot + 1);
-    return extension == "png";
-}
-
-std::vector<std::string> listFrameFiles(const std::string& dir) {
-    std::vector<std::string> names;
-    std::error_code error;
-    fs::directory_iterator it(dir, error);
-    if (error) {
-        throw MeasureError(VYRA_ERROR_UNREADABLE, "cannot list folder '" + dir + "': " + error.message());
-    }
-    for (; it != fs::directory_iterator(); it.increment(error)) {
-        const std::string name = it->path().filename().string();
-        if (isFrameFileName(name)) {
-            names.push_back(name);
-        }
-    }
-    if (error) {
-        throw MeasureError(VYRA_ERROR_UNREADABLE, "cannot list folder '" + dir + "': " + error.message());
-    }
-    std::sort(names.begin(), names.end());
-    return names;
-}
-
-cv::Mat decodeFrameFile(const std::string& file) {
-    std::ifstream in(file, std::ios::binary);
-    std::vector<unsigned char> bytes;
-    if (in) {
-        bytes.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-    }
-    cv::Mat frame;
-    if (!bytes.empty()) {
-        try {
-            frame = cv::imdecode(bytes, cv::IMREAD_COLOR);
-        } catch (const cv::Exception&) {
-            frame.release();
-        }
-    }
-    if (frame.empty()) {
-        throw MeasureError(VYRA_ERROR_UNREADABLE, "cannot read or decode frame file '" + file + "'");
-    }
-    return frame;
-}
 
 class FolderSource : public FrameSource {
 public:
-    FolderSource(const std::string& dir, const FrameRange& range, bool timestamps)
-        : dir_(dir), names_(listFrameFiles(dir)), timestamps_(timestamps) {
-        if (names_.empty()) {
-            throw MeasureError(VYRA_ERROR_EMPTY, "folder '" + dir + "' holds no PNG frame files");
-        }
+    FolderSource(const std::string& dir, std::vector<std::string> names, const SourceOptions& options)
+        : dir_(dir), names_(std::move(names)), timestamps_(options.timestamps), policy_(options.policy) {
+        const FrameRange& range = options.range;
         next_ = RangeFirst(range);
         stop_ = RangeStop(range, names_.size());
-        if (stop_ <= next_) {
-            throw MeasureError(VYRA_ERROR_EMPTY, "the range (" + describeRange(range) +
+        if (policy_ == Policy::Historic) {
+            stop_ = std::max(stop_, next_);
+        } else if (names_.empty()) {
+            throw RecordingError(VYRA_ERROR_EMPTY, "folder '" + dir + "' holds no PNG frame files");
+        } else if (stop_ <= next_) {
+            throw RecordingError(VYRA_ERROR_EMPTY, "the range (" + DescribeRange(range) +
                                                      ") selects no frame of the " +
                                                      std::to_string(names_.size()) +
                                                      " PNG files in '" + dir + "'");
@@ -126,7 +50,7 @@ public:
         frame.label = name;
         frame.timeEstimated = false;
         frame.timeMs = timestamps_ ? timeOf(name) : 0.0;
-        frame.pixels = decodeFrameFile(dir_ + "/" + name);
+        frame.pixels = ReadFrameFile(dir_ + "/" + name, policy_);
         ++next_;
         return true;
     }
@@ -148,12 +72,12 @@ private:
     double timeOf(const std::string& name) {
         const std::optional<long long> time = ParseNameTime(name);
         if (!time) {
-            throw MeasureError(VYRA_ERROR_NO_TIMESTAMPS,
+            throw RecordingError(VYRA_ERROR_NO_TIMESTAMPS,
                                "frame file '" + name +
                                    "' carries no timestamp in its name; give a frame rate instead");
         }
         if (previousTime_ && *time <= *previousTime_) {
-            throw MeasureError(VYRA_ERROR_NO_TIMESTAMPS,
+            throw RecordingError(VYRA_ERROR_NO_TIMESTAMPS,
                                "frame file '" + name + "' has a timestamp (" + std::to_string(*time) +
                                    ") not above the previous one (" + std::to_string(*previousTime_) +
                                    "); names must sort in time order (zero-pad them) or give a "
@@ -166,6 +90,7 @@ private:
     std::string dir_;
     std::vector<std::string> names_;
     bool timestamps_;
+    Policy policy_;
     size_t next_ = 0;
     size_t stop_ = 0;
     size_t expected_ = 0;
@@ -207,7 +132,7 @@ private:
         if (std::isfinite(nominalFps_) && nominalFps_ > 0.0) {
             return 1000.0 / nominalFps_;
         }
-        throw MeasureError(VYRA_ERROR_NO_TIMESTAMPS,
+        throw RecordingError(VYRA_ERROR_NO_TIMESTAMPS,
                            "the video reports no usable frame timestamps; give a frame rate instead");
     }
 
@@ -219,36 +144,42 @@ private:
     double last_ = 0.0;
 };
 
-// Videos are read through OpenCV's FFmpeg back end only: it reads every
-// container and codec FFmpeg knows, reports presentation timestamps, and
-// fails quietly where other back ends (GStreamer) print their own errors.
-cv::VideoCapture openVideo(const std::string& path) {
+// Quiet videos are read through OpenCV's FFmpeg back end only: it reads
+// every container and codec FFmpeg knows, reports presentation timestamps,
+// and fails quietly where other back ends (GStreamer) print their own
+// errors. Historic ones are opened with OpenCV's own choice of back end, and
+// a video that does not open simply has no frames.
+cv::VideoCapture openVideo(const std::string& path, Policy policy) {
+    if (policy == Policy::Historic) {
+        return cv::VideoCapture(path, cv::CAP_ANY);
+    }
     cv::VideoCapture capture;
     try {
         capture.open(path, cv::CAP_FFMPEG);
     } catch (const cv::Exception& e) {
-        throw MeasureError(VYRA_ERROR_UNREADABLE, "cannot open '" + path + "' as a video: " + e.what());
+        throw RecordingError(VYRA_ERROR_UNREADABLE, "cannot open '" + path + "' as a video: " + e.what());
     }
     if (!capture.isOpened()) {
-        throw MeasureError(VYRA_ERROR_UNREADABLE,
-                           "'" + path + "' is neither a folder nor a video that can be decoded");
+        throw RecordingError(VYRA_ERROR_UNREADABLE,
+                             "'" + path + "' is neither a folder nor a video that can be decoded");
     }
     return capture;
 }
 
 class VideoSource : public FrameSource {
 public:
-    VideoSource(const std::string& path, const FrameRange& range, bool timestamps)
+    VideoSource(const std::string& path, const SourceOptions& options)
         : path_(path),
-          range_(range),
-          capture_(openVideo(path)),
-          timestamps_(timestamps),
+          range_(options.range),
+          policy_(options.policy),
+          capture_(openVideo(path, options.policy)),
+          timestamps_(options.timestamps),
           clock_(capture_.get(cv::CAP_PROP_FPS)),
-          first_(RangeFirst(range)),
-          stop_(RangeStop(range, std::numeric_limits<size_t>::max())) {
-        if (stop_ <= first_) {
-            throw MeasureError(VYRA_ERROR_EMPTY,
-                               "the range (" + describeRange(range) + ") selects no frame");
+          first_(RangeFirst(range_)),
+          stop_(RangeStop(range_, std::numeric_limits<size_t>::max())),
+          ended_(!capture_.isOpened()) {
+        if (stop_ <= first_ && policy_ == Policy::Quiet) {
+            throw RecordingError(VYRA_ERROR_EMPTY, "the range (" + DescribeRange(range_) + ") selects no frame");
         }
         const double count = capture_.get(cv::CAP_PROP_FRAME_COUNT);
         if (std::isfinite(count) && count > 0.0) {
@@ -256,6 +187,8 @@ public:
             expected_ = total > first_ ? total - first_ : 0;
         }
     }
+
+    ~VideoSource() override { capture_.release(); }
 
     bool Next(SourceFrame& frame) override {
         skipToRange();
@@ -290,19 +223,24 @@ private:
     // Decodes the next frame (only grabs it when @p pixels is null); false at
     // the end of the video.
     bool decode(cv::Mat* pixels, double& timeMs, bool& estimated) {
+        if (policy_ == Policy::Historic) {
+            return read(pixels, timeMs, estimated);
+        }
         try {
-            const bool ok = capture_.grab() && (pixels == nullptr || capture_.retrieve(*pixels)) &&
-                            (pixels == nullptr || !pixels->empty());
-            if (!ok) {
-                ended_ = true;
-                return false;
-            }
-            if (timestamps_) {
-                timeMs = clock_.Stamp(capture_.get(cv::CAP_PROP_POS_MSEC), estimated);
-            }
+            return read(pixels, timeMs, estimated);
         } catch (const cv::Exception& e) {
-            throw MeasureError(VYRA_ERROR_UNREADABLE,
-                               "decoding '" + path_ + "' failed: " + std::string(e.what()));
+            throw RecordingError(VYRA_ERROR_UNREADABLE, "decoding '" + path_ + "' failed: " + std::string(e.what()));
+        }
+    }
+
+    bool read(cv::Mat* pixels, double& timeMs, bool& estimated) {
+        const bool ok = pixels == nullptr ? capture_.grab() : capture_.read(*pixels) && !pixels->empty();
+        if (!ok) {
+            ended_ = true;
+            return false;
+        }
+        if (timestamps_) {
+            timeMs = clock_.Stamp(capture_.get(cv::CAP_PROP_POS_MSEC), estimated);
         }
         ++position_;
         return true;
@@ -316,20 +254,19 @@ private:
     }
 
     void checkNotEmpty() const {
-        if (position_ > first_) {
+        if (position_ > first_ || policy_ == Policy::Historic) {
             return;
         }
         if (position_ == 0) {
-            throw MeasureError(VYRA_ERROR_UNREADABLE, "no frame of '" + path_ + "' could be decoded");
+            throw RecordingError(VYRA_ERROR_UNREADABLE, "no frame of '" + path_ + "' could be decoded");
         }
-        throw MeasureError(VYRA_ERROR_EMPTY, "the range (" + describeRange(range_) +
-                                                 ") selects no frame of the " +
-                                                 std::to_string(position_) + " frames in '" + path_ +
-                                                 "'");
+        throw RecordingError(VYRA_ERROR_EMPTY, "the range (" + DescribeRange(range_) + ") selects no frame of the " +
+                                                   std::to_string(position_) + " frames in '" + path_ + "'");
     }
 
     std::string path_;
     FrameRange range_;
+    Policy policy_;
     cv::VideoCapture capture_;
     bool timestamps_;
     VideoClock clock_;
@@ -337,22 +274,33 @@ private:
     size_t stop_;
     size_t position_ = 0;  // frames decoded so far
     size_t expected_ = 0;
-    bool ended_ = false;
+    bool ended_;
 };
 
 }  // namespace
 
-std::unique_ptr<FrameSource> OpenFrameSource(const std::string& path, const FrameRange& range,
-                                             bool timestamps) {
+std::unique_ptr<FrameSource> OpenFolderSource(const std::string& dir, std::vector<std::string> names,
+                                              const SourceOptions& options) {
+    return std::make_unique<FolderSource>(dir, std::move(names), options);
+}
+
+std::unique_ptr<FrameSource> OpenVideoSource(const std::string& path, const SourceOptions& options) {
+    return std::make_unique<VideoSource>(path, options);
+}
+
+std::unique_ptr<FrameSource> OpenFrameSource(const std::string& path, const SourceOptions& options) {
     std::error_code error;
     const fs::file_status status = fs::status(path, error);
     if (!fs::exists(status)) {
-        throw MeasureError(VYRA_ERROR_NOT_FOUND, "recording '" + path + "' does not exist");
+        throw RecordingError(VYRA_ERROR_NOT_FOUND, "recording '" + path + "' does not exist");
     }
-    if (fs::is_directory(status)) {
-        return std::make_unique<FolderSource>(path, range, timestamps);
+    if (!fs::is_directory(status)) {
+        return OpenVideoSource(path, options);
     }
-    return std::make_unique<VideoSource>(path, range, timestamps);
+    std::vector<std::string> names;
+    ListFrameFiles(path, options.policy, names);
+    SortFrameNames(names);
+    return OpenFolderSource(path, std::move(names), options);
 }
 
 }  // namespace detail

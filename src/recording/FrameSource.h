@@ -1,7 +1,7 @@
-// Frame intake of the measurement API: one frame source per kind of
-// recording, each yielding the frames of the selected range in order with
-// their raw time. All decoding of recordings for vyra::Measure happens here.
-// Internal to the library (not installed).
+// Internal: a frame source per kind of recording (a folder of frame files,
+// a video), each yielding the frames of the selected range in order with
+// their raw time, by the rules of a Policy. Every recording the library
+// reads, for vyra::Measure and for analyse(), is read through here.
 #ifndef VYRA_FRAME_SOURCE_H
 #define VYRA_FRAME_SOURCE_H
 
@@ -10,22 +10,22 @@
 #include <optional>
 #include <string>
 
+#include <vector>
+
 #include <opencv2/core.hpp>
+
+#include "recording/FrameFiles.h"
+#include "recording/Policy.h"
 
 namespace vyra {
 namespace detail {
 
-// The range as the caller gave it; see RangeStop for how it is read.
-struct FrameRange {
-    int start = 0;
-    int end = 0;
+// What to read of a recording, and by which rules.
+struct SourceOptions {
+    FrameRange range;
+    bool timestamps = false;  // give every frame its raw time
+    Policy policy = Policy::Quiet;
 };
-
-// First position of the range: start, or 0 for a negative start.
-size_t RangeFirst(const FrameRange& range);
-// One past the last position for a recording of @p count frames:
-// end + 1 when end > 1, else count; never beyond count.
-size_t RangeStop(const FrameRange& range, size_t count);
 
 // One decoded frame of the range.
 struct SourceFrame {
@@ -36,13 +36,14 @@ struct SourceFrame {
 };
 
 // Yields the frames of one recording's range. Errors are thrown as
-// vyra::MeasureError.
+// RecordingError (under Policy::Historic only OpenCV's own exceptions pass).
 class FrameSource {
 public:
     virtual ~FrameSource();
 
-    // The next frame of the range; false after the last one. Throws
-    // VYRA_ERROR_EMPTY when the range turns out to hold no frame. A video
+    // The next frame of the range; false after the last one. Under
+    // Policy::Quiet, throws VYRA_ERROR_EMPTY when the range turns out to hold
+    // no frame (Policy::Historic: false at once). A video
     // frame is decoded into frame.pixels' own buffer when it has the size and
     // type, so pass a buffer nothing else still reads (or an empty one).
     virtual bool Next(SourceFrame& frame) = 0;
@@ -56,16 +57,16 @@ public:
     virtual std::optional<double> FollowingTimeMs() = 0;
 };
 
-// Opens @p path: a folder of PNG frames, or else a video. With
-// @p timestamps the frames carry their raw times (presentation timestamp or
-// file-name number). Throws VYRA_ERROR_NOT_FOUND, _UNREADABLE, _EMPTY.
-std::unique_ptr<FrameSource> OpenFrameSource(const std::string& path, const FrameRange& range,
-                                             bool timestamps);
+// Opens @p path by what it is: a folder of frame files (listed, sorted),
+// else a video. Throws VYRA_ERROR_NOT_FOUND, _UNREADABLE, _EMPTY.
+std::unique_ptr<FrameSource> OpenFrameSource(const std::string& path, const SourceOptions& options);
 
-// The number a frame file name starts with: the text before its last dot
-// (the whole name without a dot) read like strtol, base 10. Empty when that
-// text holds no number.
-std::optional<long long> ParseNameTime(const std::string& name);
+// The frames of folder @p dir whose sorted frame file names are @p names.
+std::unique_ptr<FrameSource> OpenFolderSource(const std::string& dir, std::vector<std::string> names,
+                                              const SourceOptions& options);
+
+// The frames of the video @p path.
+std::unique_ptr<FrameSource> OpenVideoSource(const std::string& path, const SourceOptions& options);
 
 }  // namespace detail
 }  // namespace vyra
