@@ -2,6 +2,7 @@
 
 #include "analysis/AnalysisEntry.h"
 #include "analysis/FrameAlignment.h"
+#include "analysis/ImageCacheAccess.h"
 #include "analysis/ObjectPrefetch.h"
 
 #include <algorithm>
@@ -57,7 +58,7 @@ AnalysisResult Analyzer::Analyze(std::vector<cv::Mat>& frames, VyraPageType type
 }
 
 AnalysisResult Analyzer::Analyze(ImageSets& sets, VyraPageType type, bool searchStableBaseline) const {
-    return detail::Analyze(*this, sets, type, searchStableBaseline, nullptr);
+    return detail::Analyze(*this, sets, type, searchStableBaseline, detail::AnalysisContext());
 }
 
 // ---------------------------------------------------------------- predicates
@@ -134,6 +135,18 @@ void AlignFrameToBaseline(cv::Mat& frame, bool portraitFrame, int baselineWidth,
 }  // namespace detail
 
 void Analyzer::CheckAndResizeImages(ImageSets& sets, int baseline) {
+    detail::AlignImagesToBaseline(sets, baseline, detail::PrintSizeWarning);
+}
+
+namespace detail {
+
+void PrintSizeWarning(int image, int width, int height, int baseline, int baselineWidth, int baselineHeight) {
+    std::printf("Vyra[Warning]: image<%d> size(%d, %d) not equal to baseline[%d] size(%d, %d)\n", image, width,
+                height, baseline, baselineWidth, baselineHeight);
+    std::fflush(stdout);
+}
+
+void AlignImagesToBaseline(ImageSets& sets, int baseline, const SizeWarning& warn) {
     const int n = sets.size();
     if (n <= 1 || baseline >= n || baseline < 0) return;
     const int bw = sets[baseline].width();
@@ -141,13 +154,17 @@ void Analyzer::CheckAndResizeImages(ImageSets& sets, int baseline) {
     for (int i = 0; i <= n - 2; ++i) {
         Image& image = sets[i];
         if (image.Empty() || (image.width() == bw && image.height() == bh)) continue;
-        std::printf("Vyra[Warning]: image<%d> size(%d, %d) not equal to baseline[%d] size(%d, %d)\n", i,
-                    image.width(), image.height(), baseline, bw, bh);
-        std::fflush(stdout);
+        if (warn) warn(i, image.width(), image.height(), baseline, bw, bh);
         const bool portrait = image.width() <= image.height();
-        detail::AlignFrameToBaseline(image.img(), portrait, bw, bh);
+        if (ImageCacheAccess::Reloads(image)) {
+            ImageCacheAccess::AlignOnLoad(image, portrait, bw, bh);
+        } else {
+            AlignFrameToBaseline(image.img(), portrait, bw, bh);
+        }
     }
 }
+
+}  // namespace detail
 
 void Analyzer::ReduceUselessImages(ImageSets& sets, int from, int to) {
     if (from > to) return;
@@ -186,7 +203,7 @@ int Analyzer::FindBaselineImage(ImageSets& sets, bool searchStableBaseline) cons
 namespace {
 
 AnalysisResult analyzeStaticPage(const Analyzer& analyzer, ImageSets& sets, bool searchStableBaseline,
-                                 const detail::PixelSource* source) {
+                                 const detail::AnalysisContext& context) {
     AnalysisResult result;
     const int n = sets.size();
     result.imageCount = static_cast<size_t>(n);
@@ -197,14 +214,14 @@ AnalysisResult analyzeStaticPage(const Analyzer& analyzer, ImageSets& sets, bool
     StaticPageAnalysisResult& found = result.staticResult;
     found.baselineIndex = b;
 
-    Analyzer::CheckAndResizeImages(sets, b);
+    detail::AlignImagesToBaseline(sets, b, context.sizeWarning);
     Analyzer::ReduceUselessImages(sets, b + 1, n - 1);
 
     // The searches below ask for objects in index order; they are detected
     // once per run of identical frames and, on a second core, ahead of the
     // search. Each Provide comes right before the accessors that would
     // detect (with the ratio where IsNonBlankImage computes it).
-    detail::ObjectPrefetch prefetch(sets, true, source);
+    detail::ObjectPrefetch prefetch(sets, true, context.pixels);
 
     found.objectCounts.assign(static_cast<size_t>(n), 0);
     prefetch.Provide(b, true);
@@ -252,7 +269,7 @@ AnalysisResult analyzeStaticPage(const Analyzer& analyzer, ImageSets& sets, bool
 }  // namespace
 
 AnalysisResult Analyzer::AnalyzeStaticPage(ImageSets& sets, bool searchStableBaseline) const {
-    return analyzeStaticPage(*this, sets, searchStableBaseline, nullptr);
+    return analyzeStaticPage(*this, sets, searchStableBaseline, detail::AnalysisContext());
 }
 
 // ---------------------------------------------------------------- feature matches
@@ -418,12 +435,12 @@ AnalysisResult Analyzer::AnalyzeDynamicPage(ImageSets& sets) const {
 namespace detail {
 
 AnalysisResult Analyze(const Analyzer& analyzer, ImageSets& sets, VyraPageType type, bool searchStableBaseline,
-                       const PixelSource* source) {
+                       const AnalysisContext& context) {
     switch (type) {
     case STATIC_PAGE:
-        return analyzeStaticPage(analyzer, sets, searchStableBaseline, source);
+        return analyzeStaticPage(analyzer, sets, searchStableBaseline, context);
     case DYNAMIC_PAGE:
-        return analyzeDynamicPage(analyzer, sets, source);
+        return analyzeDynamicPage(analyzer, sets, context.pixels);
     default:
         return AnalysisResult();
     }

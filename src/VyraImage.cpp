@@ -1,5 +1,6 @@
 #include "VyraImage.h"
 
+#include "analysis/FrameAlignment.h"
 #include "analysis/ImageCacheAccess.h"
 #include "analysis/ObjectDetection.h"
 
@@ -148,6 +149,21 @@ bool ImageCacheAccess::IsResident(const Image& image) { return image.loaded || !
 bool ImageCacheAccess::HasObjects(const Image& image) { return image.objects != nullptr; }
 
 const cv::Mat& ImageCacheAccess::Pixels(const Image& image) { return image.mat; }
+
+cv::Size ImageCacheAccess::CachedSize(const Image& image) { return cv::Size(image.cachedWidth, image.cachedHeight); }
+
+bool ImageCacheAccess::Reloads(const Image& image) { return static_cast<bool>(image.loader); }
+
+void ImageCacheAccess::AlignOnLoad(Image& image, bool portraitFrame, int width, int height) {
+    image.loader = [load = std::move(image.loader), portraitFrame, width, height]() {
+        cv::Mat pixels = load();
+        if (!pixels.empty()) AlignFrameToBaseline(pixels, portraitFrame, width, height);
+        return pixels;
+    };
+    if (image.loaded) AlignFrameToBaseline(image.mat, portraitFrame, width, height);
+    image.cachedWidth = width;
+    image.cachedHeight = height;
+}
 
 void ImageCacheAccess::Install(Image& image, const std::vector<Rect>& objects, const double* ratio) {
     if (!image.objects) image.objects = std::make_unique<std::vector<Rect>>(objects);

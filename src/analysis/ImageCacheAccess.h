@@ -27,6 +27,20 @@ struct ImageCacheAccess {
     /** The Image's matrix as it is, without loading anything. */
     static const cv::Mat& Pixels(const Image& image);
 
+    /** The size cache of the Image, as it is (-1 where unknown), without loading anything. */
+    static cv::Size CachedSize(const Image& image);
+
+    /** True when the Image has a loader, so that its pixels can be given back and loaded again. */
+    static bool Reloads(const Image& image);
+
+    /**
+     * Makes an Image with a loader come out of every later load aligned to a
+     * baseline of @p width x @p height (AlignFrameToBaseline with
+     * @p portraitFrame), aligns the pixels it holds now, if any, and sets its
+     * size cache to the baseline's.
+     */
+    static void AlignOnLoad(Image& image, bool portraitFrame, int width, int height);
+
     /**
      * Stores @p objects as the Image's object list when it has none yet, and
      * *@p ratio as its content ratio when @p ratio is given and the Image's

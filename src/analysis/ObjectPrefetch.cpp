@@ -63,7 +63,7 @@ void ObjectPrefetch::findEligible(const PixelSource* source) {
         if (ImageCacheAccess::IsResident(image)) {
             slot.state = State::Unclaimed;
             slot.pixels = ImageCacheAccess::Pixels(image);
-        } else if (source != nullptr && source->Covers(k)) {
+        } else if (source != nullptr && source->Covers(k, ImageCacheAccess::CachedSize(image))) {
             slot.state = State::Unclaimed;
             slot.fromSource = true;
             const Slot* previous = k > 0 ? &slots_[static_cast<size_t>(k) - 1] : nullptr;

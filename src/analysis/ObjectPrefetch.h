@@ -29,8 +29,13 @@ class PixelSource {
 public:
     virtual ~PixelSource() = default;
 
-    /** True when image @p index can be read through Bands(). */
-    virtual bool Covers(int index) const = 0;
+    /**
+     * True when image @p index, whose Image reads as @p imageSize, can be
+     * read through Bands(): the source holds exactly the pixels that Image
+     * would load (an Image aligned to a baseline of another size loads other
+     * pixels, and reads as another size).
+     */
+    virtual bool Covers(int index, cv::Size imageSize) const = 0;
 
     /** True when covered image @p index (> 0) has the pixels of image index - 1. */
     virtual bool SameAsPrevious(int index) const = 0;

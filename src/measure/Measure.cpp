@@ -8,7 +8,6 @@
 
 #include "analysis/AnalysisEntry.h"
 #include "analysis/Thresholds.h"
-#include "analysis/FrameAlignment.h"
 #include "measure/LoadWindow.h"
 #include "recording/RecordingError.h"
 #include "measure/Intake.h"
@@ -73,31 +72,26 @@ void validateOptions(const MeasureOptions& options) {
     }
 }
 
-// Image @p index of the analysis: pixels loaded from the store on demand and
-// brought to the size of the last frame the way the analysis would.
+// Image @p index of the analysis: pixels loaded from the store on demand.
 Image storedImage(const detail::Intake& intake, size_t index, detail::LoadWindow& window) {
-    const cv::Size last = intake.store.FrameSize(intake.store.Size() - 1);
     const cv::Size size = intake.store.FrameSize(index);
-    auto loader = [&intake, &window, index, last, size]() {
+    auto loader = [&intake, &window, index]() {
         window.BeforeLoad(static_cast<int>(index));
-        cv::Mat pixels = intake.store.Load(index);
-        if (size != last) {
-            detail::AlignFrameToBaseline(pixels, size.width <= size.height, last.width, last.height);
-        }
-        return pixels;
+        return intake.store.Load(index);
     };
     std::vector<Rect> none;
-    return Image(loader, none, last.width, last.height, -1.0, static_cast<int>(index));
+    return Image(loader, none, size.width, size.height, -1.0, static_cast<int>(index));
 }
 
-// The stored frames of the size of the last one, whose images load them
-// unchanged, read for the object detection without loading the images.
+// The stored frames, read for the object detection without loading the
+// images: those whose Image loads them as they are stored.
 class StoredPixels : public detail::PixelSource {
 public:
-    explicit StoredPixels(const detail::FrameStore& store)
-        : store_(store), last_(store.FrameSize(store.Size() - 1)) {}
+    explicit StoredPixels(const detail::FrameStore& store) : store_(store) {}
 
-    bool Covers(int index) const override { return store_.FrameSize(static_cast<size_t>(index)) == last_; }
+    bool Covers(int index, cv::Size imageSize) const override {
+        return store_.FrameSize(static_cast<size_t>(index)) == imageSize;
+    }
 
     bool SameAsPrevious(int index) const override { return store_.SameAsPrevious(static_cast<size_t>(index)); }
 
@@ -107,7 +101,6 @@ public:
 
 private:
     const detail::FrameStore& store_;
-    const cv::Size last_;
 };
 
 AnalysisResult analyse(const detail::Intake& intake, const MeasureOptions& options) {
@@ -123,12 +116,19 @@ AnalysisResult analyse(const detail::Intake& intake, const MeasureOptions& optio
         ImageSets sets(images);
         images.clear();
         window.Attach(sets.imgs());
+        // Frames of another size than the last are brought to its size
+        // before either analysis, silently (see VyraMeasure.h); the static
+        // analysis then finds every frame of its baseline's size.
+        detail::AnalysisContext context;
+        context.sizeWarning = nullptr;
+        detail::AlignImagesToBaseline(sets, sets.size() - 1, context.sizeWarning);
         const Analyzer analyzer(detail::kPsnrThreshold, detail::kBaselineOverlapRatio,
                                 detail::kSimilarOverlapRatio, detail::kContentRatioThreshold,
                                 detail::kObjectCountThreshold);
         try {
             const StoredPixels stored(intake.store);
-            analysis = detail::Analyze(analyzer, sets, options.pageType, options.stableBaseline, &stored);
+            context.pixels = &stored;
+            analysis = detail::Analyze(analyzer, sets, options.pageType, options.stableBaseline, context);
         } catch (const cv::Exception& e) {
             throw MeasureError(VYRA_ERROR_INTERNAL, std::string("the analysis failed: ") + e.what());
         }

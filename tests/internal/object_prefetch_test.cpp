@@ -45,7 +45,7 @@ public:
         }
     }
 
-    bool Covers(int index) const override { return covered_[static_cast<size_t>(index)]; }
+    bool Covers(int index, cv::Size) const override { return covered_[static_cast<size_t>(index)]; }
 
     bool SameAsPrevious(int index) const override {
         const cv::Mat& a = frames_[static_cast<size_t>(index)];
