@@ -87,6 +87,12 @@ public:
      * "Vyra[Warning]: ..." line per image that differs. The last image is
      * never examined. Does nothing for sets of at most one image or a baseline
      * out of range.
+     *
+     * An image with a loader is not loaded for this: its loader is made to
+     * align what it loads, every time (and pixels it holds now are aligned in
+     * place), so the image stays aligned after Reduce() and a reload; its
+     * width() and height() read as the baseline's from then on. An image
+     * made from a matrix is aligned in place.
      */
     static void CheckAndResizeImages(ImageSets& sets, int baseline);
     /** Reduce() on every image with index in [from, to] below size(). */
