@@ -197,6 +197,27 @@ struct VYRA_API MeasureResult {
     double speedIndexMs = std::numeric_limits<double>::quiet_NaN(); ///< visual.speedIndexMs
 };
 
+/** The two tables a summary shows key frames in. */
+enum class KeyFrameGroup {
+    Analysis,        ///< found by the analysis: load finished, baseline, logo, first frame, motion start
+    VisualProgress   ///< found from the visual progress: first and last change, visually complete
+};
+
+/** One key frame of MeasureResult and how every face of the library names it. */
+struct VYRA_API KeyFrameField {
+    KeyFrameGroup group;
+    const char* label;               ///< static text: the vyra tool's summary row ("load finished")
+    const char* key;                 ///< static text: the JSON key, also the VyraResult field ("load_finished")
+    KeyFrame MeasureResult::*member; ///< the member of MeasureResult
+};
+
+/**
+ * Every key frame of MeasureResult, in the order the vyra tool lists them
+ * (the C interface has the same list: vyra_key_frame_fields()). The vector
+ * is a constant that lives as long as the library is loaded.
+ */
+VYRA_API const std::vector<KeyFrameField>& KeyFrameFields();
+
 /** The error of Measure(): a message and one of the VyraStatus codes. */
 class VYRA_API MeasureError : public std::runtime_error {
 public:

@@ -178,6 +178,29 @@ typedef struct VyraResult {
                                        in ms; 0 without visual change, NaN on error */
 } VyraResult;
 
+/** The two tables of a summary that key frames belong to. */
+typedef enum VyraKeyFrameGroup {
+    VYRA_KEY_FRAME_ANALYSIS = 0,        /**< found by the analysis (load finished, baseline, ...) */
+    VYRA_KEY_FRAME_VISUAL_PROGRESS = 1  /**< found from the visual progress (first change, ...) */
+} VyraKeyFrameGroup;
+
+/** One VyraKeyFrame field of VyraResult, described for hosts that list them. */
+typedef struct VyraKeyFrameField {
+    const char* label;        /**< static text: the summary's name of the row, "load finished" */
+    const char* key;          /**< static text: the field's name, also its JSON key, "load_finished" */
+    VyraKeyFrameGroup group;
+    size_t offset;            /**< offsetof(VyraResult, <key>): where the VyraKeyFrame lies */
+} VyraKeyFrameField;
+
+/**
+ * Every VyraKeyFrame field of VyraResult, in the order the vyra tool lists
+ * them; fields appended in later versions come last. Stores their number in
+ * @p count (when not NULL) and returns the first; static storage, never NULL.
+ * A caller compiled against an older vyra.h reads only the fields whose
+ * offset lies within its sizeof(VyraResult).
+ */
+VYRA_API const VyraKeyFrameField* vyra_key_frame_fields(size_t* count);
+
 /**
  * Fills @p settings with the defaults listed at each field, struct_size
  * included. Does nothing for NULL.

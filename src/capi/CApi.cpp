@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "VyraMeasure.h"
+#include "measure/KeyFrames.h"
 
 #ifndef VYRA_VERSION_STRING
 #define VYRA_VERSION_STRING "0.0.0"
@@ -32,10 +33,9 @@ VyraResult emptyResult() {
     r.timing = VYRA_TIMING_TIMESTAMPS;
     r.launch_time_mode = VYRA_LAUNCH_TIME_LOAD_FINISHED_FRAME;
     r.launch_time = kNaN;
-    r.load_finished = r.baseline = r.logo_appear = r.logo_disappear = r.first_frame =
-        r.motion_start = noKeyFrame();
-    r.first_visual_change = r.last_visual_change = r.visually_complete_85 = r.visually_complete_95 =
-        r.visually_complete_99 = noKeyFrame();
+#define VYRA_NONE(group, label, key, member, index) r.key = noKeyFrame();
+    VYRA_KEY_FRAME_TABLE(VYRA_NONE)
+#undef VYRA_NONE
     r.speed_index_ms = kNaN;
     r.loaded_psnr = -1.0;
     r.pre_loaded_psnr = -1.0;
@@ -129,22 +129,14 @@ void fillResult(VyraResult& r, const vyra::MeasureResult& m) {
     r.frame_height = m.frameHeight;
     r.launch_time = m.launchTime;
     r.estimated_time_count = m.estimatedTimeCount;
-    r.load_finished = toKeyFrame(m.loadFinished);
-    r.baseline = toKeyFrame(m.baseline);
-    r.logo_appear = toKeyFrame(m.logoAppear);
-    r.logo_disappear = toKeyFrame(m.logoDisappear);
-    r.first_frame = toKeyFrame(m.firstFrame);
-    r.motion_start = toKeyFrame(m.motionStart);
+#define VYRA_SET(group, label, key, member, index) r.key = toKeyFrame(m.member);
+    VYRA_KEY_FRAME_TABLE(VYRA_SET)
+#undef VYRA_SET
     r.loaded_psnr = a.staticResult.loadedPsnr;
     r.pre_loaded_psnr = a.staticResult.preLoadedPsnr;
     r.object_count_length = a.staticResult.objectCounts.size();
     r.first_non_blank_object_count = a.dynamicResult.firstNonBlankObjectCount;
     r.feature_matching_count = a.dynamicResult.featureMatchingResults.size();
-    r.first_visual_change = toKeyFrame(m.firstVisualChange);
-    r.last_visual_change = toKeyFrame(m.lastVisualChange);
-    r.visually_complete_85 = toKeyFrame(m.visuallyComplete85);
-    r.visually_complete_95 = toKeyFrame(m.visuallyComplete95);
-    r.visually_complete_99 = toKeyFrame(m.visuallyComplete99);
     r.speed_index_ms = m.speedIndexMs;
 }
 
@@ -261,6 +253,18 @@ VyraStatus vyra_measure(const char* path, const VyraSettings* settings, VyraResu
     }
     publish(result, full);
     return full.status;
+}
+
+const VyraKeyFrameField* vyra_key_frame_fields(size_t* count) {
+    static_assert(static_cast<int>(vyra::KeyFrameGroup::Analysis) == VYRA_KEY_FRAME_ANALYSIS &&
+                      static_cast<int>(vyra::KeyFrameGroup::VisualProgress) == VYRA_KEY_FRAME_VISUAL_PROGRESS,
+                  "the C and C++ groups have the same values");
+#define VYRA_FIELD(group, label, key, member, index)                                        \
+    {label, #key, static_cast<VyraKeyFrameGroup>(vyra::KeyFrameGroup::group), offsetof(VyraResult, key)},
+    static const VyraKeyFrameField fields[] = {VYRA_KEY_FRAME_TABLE(VYRA_FIELD)};
+#undef VYRA_FIELD
+    if (count != nullptr) *count = sizeof fields / sizeof fields[0];
+    return fields;
 }
 
 const char* vyra_version(void) { return VYRA_VERSION_STRING; }

@@ -18,6 +18,13 @@
 namespace vyra {
 namespace detail {
 
+FrameTiming TimingOf(const MeasureOptions& options) {
+    FrameTiming timing;
+    timing.frameRate = options.timing == Timing::FrameRate;
+    timing.fps = options.fps;
+    return timing;
+}
+
 std::string DescribeRegion(const Region& region) {
     return std::to_string(region.x) + "," + std::to_string(region.y) + "," +
            std::to_string(region.width) + "," + std::to_string(region.height);
@@ -27,11 +34,6 @@ void ReportProgress(const MeasureOptions& options, MeasureStage stage, size_t do
     if (options.progress) {
         options.progress(stage, done, total);
     }
-}
-
-double RelativeTimeMs(size_t index, const std::vector<double>& rawTimesMs, const MeasureOptions& options) {
-    return options.timing == Timing::FrameRate ? static_cast<double>(index) * 1000.0 / options.fps
-                                               : rawTimesMs[index] - rawTimesMs.front();
 }
 
 namespace {
@@ -133,7 +135,7 @@ private:
 class FrameProcessor {
 public:
     FrameProcessor(const MeasureOptions& options, Intake& intake)
-        : options_(options),
+        : timing_(TimingOf(options)),
           intake_(intake),
           preparer_(options),
           saver_(options.saveFramesDir.empty()
@@ -230,7 +232,7 @@ private:
         const cv::Mat frame = preparer_.Prepare(decoded.pixels, decoded.label);
         if (saver_) saver_->Save(frame, static_cast<long>(index));
         intake_.rawTimesMs.push_back(decoded.timeMs);
-        const double timeMs = RelativeTimeMs(index, intake_.rawTimesMs, options_);
+        const double timeMs = FrameTimeMs(timing_, index, intake_.rawTimesMs);
         const bool repeated = intake_.store.Append(frame, &changedRows_);
         if (!track(frame, timeMs, repeated)) {
             throw MeasureError(VYRA_ERROR_INTERNAL, "the visual progress cannot take " + decoded.label +
@@ -259,7 +261,7 @@ private:
         return tracker_.AddFrame(frame, timeMs);
     }
 
-    const MeasureOptions& options_;
+    const FrameTiming timing_;
     Intake& intake_;
     FramePreparer preparer_;
     const std::unique_ptr<FrameSaver> saver_;  // null: frames are not saved

@@ -12,6 +12,7 @@
 
 #include <opencv2/core.hpp>
 
+#include "recording/FrameTimes.h"
 #include "store/FrameStore.h"
 #include "VyraMeasure.h"
 #include "VyraVisualProgress.h"
@@ -28,17 +29,14 @@ struct Intake {
     VisualProgress visual;
 };
 
+/** The timing of @p options' frames. */
+FrameTiming TimingOf(const MeasureOptions& options);
+
 /** "x,y,w,h" of a region, as messages quote it. */
 std::string DescribeRegion(const Region& region);
 
 /** Calls options.progress(stage, done, total) when a callback is set. */
 void ReportProgress(const MeasureOptions& options, MeasureStage stage, size_t done, size_t total);
-
-/**
- * Milliseconds of frame @p index from the range's first frame: index / fps
- * with frame-rate timing, else its raw time less the first frame's.
- */
-double RelativeTimeMs(size_t index, const std::vector<double>& rawTimesMs, const MeasureOptions& options);
 
 /**
  * Reads the range of the recording at @p path with @p options (already

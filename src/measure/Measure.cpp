@@ -9,8 +9,10 @@
 #include "analysis/AnalysisEntry.h"
 #include "analysis/Thresholds.h"
 #include "measure/LoadWindow.h"
+#include "recording/FrameTimes.h"
 #include "recording/RecordingError.h"
 #include "measure/Intake.h"
+#include "measure/KeyFrames.h"
 #include "VyraAnalyzer.h"
 #include "VyraImage.h"
 #include "VyraImageSets.h"
@@ -138,12 +140,10 @@ AnalysisResult analyse(const detail::Intake& intake, const MeasureOptions& optio
 }
 
 // Seconds from the range's first frame for every frame.
-std::vector<double> relativeTimes(const detail::Intake& intake, const MeasureOptions& options) {
+std::vector<double> frameTimes(const detail::Intake& intake, const detail::FrameTiming& timing) {
     std::vector<double> times(intake.rawTimesMs.size());
     for (size_t k = 0; k < times.size(); ++k) {
-        times[k] = options.timing == Timing::FrameRate
-                       ? static_cast<double>(k) / options.fps
-                       : detail::RelativeTimeMs(k, intake.rawTimesMs, options) / 1000.0;
+        times[k] = detail::FrameTimeSeconds(timing, k, intake.rawTimesMs);
     }
     return times;
 }
@@ -157,48 +157,28 @@ KeyFrame keyFrame(int index, const std::vector<double>& times) {
     return key;
 }
 
-// Time of frame @p index + 1 as the historic entry reads it (see the header).
-double nextFrameTime(int index, const std::vector<double>& times, const detail::Intake& intake,
-                     const MeasureOptions& options) {
-    const size_t next = static_cast<size_t>(index) + 1;
-    if (options.timing == Timing::FrameRate) {
-        return static_cast<double>(next) / options.fps;
-    }
-    if (next < times.size()) {
-        return times[next];
-    }
-    const double absoluteMs = intake.followingTimeMs.value_or(0.0);
-    return (absoluteMs - intake.rawTimesMs.front()) / 1000.0;
-}
-
 MeasureResult buildResult(AnalysisResult analysis, const detail::Intake& intake, int width, int height,
                           const MeasureOptions& options) {
+    const detail::FrameTiming timing = detail::TimingOf(options);
     MeasureResult result;
     result.frameCount = intake.rawTimesMs.size();
     result.frameWidth = width;
     result.frameHeight = height;
     result.timing = options.timing;
-    result.fps = options.timing == Timing::FrameRate ? options.fps : 0.0;
+    result.fps = timing.frameRate ? options.fps : 0.0;
     result.launchTimeMode = options.launchTimeMode;
     result.estimatedTimeCount = intake.estimatedTimeCount;
-    result.frameTimes = relativeTimes(intake, options);
-    const std::vector<double>& times = result.frameTimes;
-    result.loadFinished = keyFrame(analysis.loadFinishedIndex, times);
-    result.baseline = keyFrame(analysis.staticResult.baselineIndex, times);
-    result.logoAppear = keyFrame(analysis.staticResult.logoAppearIndex, times);
-    result.logoDisappear = keyFrame(analysis.staticResult.logoDisappearIndex, times);
-    result.firstFrame = keyFrame(analysis.staticResult.firstFrameIndex, times);
-    result.motionStart = keyFrame(analysis.dynamicResult.motionStartIndex, times);
+    result.frameTimes = frameTimes(intake, timing);
+    const std::vector<KeyFrameField>& fields = KeyFrameFields();
+    for (size_t row = 0; row < fields.size(); ++row) {
+        result.*fields[row].member = keyFrame(detail::KeyFrameIndex(row, analysis, intake.visual), result.frameTimes);
+    }
     if (result.loadFinished.index >= 0) {
         result.launchTime = options.launchTimeMode == LaunchTimeMode::NextFrame
-                                ? nextFrameTime(result.loadFinished.index, times, intake, options)
+                                ? detail::NextFrameLaunchSeconds(timing, result.loadFinished.index, intake.rawTimesMs,
+                                                                 intake.followingTimeMs)
                                 : result.loadFinished.time;
     }
-    result.firstVisualChange = keyFrame(intake.visual.firstVisualChange, times);
-    result.lastVisualChange = keyFrame(intake.visual.lastVisualChange, times);
-    result.visuallyComplete85 = keyFrame(intake.visual.visuallyComplete85, times);
-    result.visuallyComplete95 = keyFrame(intake.visual.visuallyComplete95, times);
-    result.visuallyComplete99 = keyFrame(intake.visual.visuallyComplete99, times);
     result.speedIndexMs = intake.visual.speedIndexMs;
     result.visual = intake.visual;
     result.analysis = std::move(analysis);

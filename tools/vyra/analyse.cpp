@@ -1,0 +1,67 @@
+// vyra analyse RECORDING [options]: measures the launch time of a recording.
+#include <unistd.h>
+
+#include <iostream>
+#include <memory>
+
+#include "command.h"
+#include "measure_args.h"
+#include "output.h"
+#include "progress_bar.h"
+
+namespace vyra::tool {
+
+namespace {
+
+struct AnalyseArgs {
+    std::string recording;
+    MeasureArgs measure;
+    bool json = false;
+    std::string saveFrames;
+    bool progress = false;
+    bool quiet = false;
+};
+
+int runAnalyse(const AnalyseArgs& args) {
+    MeasureOptions options = ToMeasureOptions(args.measure);
+    options.saveFramesDir = args.saveFrames;
+    ProgressBar bar(!args.quiet && isatty(fileno(stderr)) != 0);
+    options.progress = [&bar](MeasureStage stage, size_t done, size_t total) { bar.Update(stage, done, total); };
+    MeasureResult result;
+    try {
+        result = Measure(args.recording, options);
+    } catch (const MeasureError& e) {
+        bar.Clear();
+        PrintError(e.what());
+        return ExitCodeFor(e.status());
+    }
+    bar.Clear();
+    OutputOptions output;
+    output.recording = args.recording;
+    output.noiseTolerance = args.measure.noiseTolerance;
+    output.progressSeries = args.progress;
+    if (args.json) {
+        WriteJson(std::cout, ResultJson(result, output));
+    } else {
+        WriteSummary(std::cout, result, output);
+    }
+    std::cout.flush();
+    return kExitOk;
+}
+
+}  // namespace
+
+Subcommand AddAnalyseCommand(CLI::App& app) {
+    auto args = std::make_shared<AnalyseArgs>();
+    CLI::App* cmd = app.add_subcommand("analyse", "Measure the launch time of a recording");
+    cmd->add_option("RECORDING", args->recording, "Video file (any format FFmpeg reads) or folder of PNG frames")
+        ->required();
+    AddMeasureOptions(*cmd, args->measure);
+    cmd->add_flag("--json", args->json, "Print one JSON document with every field of the result");
+    cmd->add_option("--save-frames", args->saveFrames, "Save the analysed frames as DIR/%08d.png");
+    cmd->add_flag("--progress", args->progress, "Also list every frame's visual progress");
+    cmd->add_flag("--quiet", args->quiet, "No progress bar on standard error");
+    return {cmd, [args] { return runAnalyse(*args); }};
+}
+
+}  // namespace vyra::tool
