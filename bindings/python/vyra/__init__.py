@@ -17,11 +17,13 @@ an error: launch_time is NaN and every key frame that was not found has index
 """
 
 import ctypes
-import ctypes.util
+import dataclasses
 import math
 import os
 from dataclasses import dataclass
 from typing import Callable, Iterable, Optional, Sequence, Tuple
+
+from . import _ffi
 
 __all__ = [
     "VyraError", "KeyFrame", "Measurement", "measure", "version", "abi_version",
@@ -40,81 +42,13 @@ ERROR_INTERNAL = 6
 ERROR_NO_TIMESTAMPS = 7
 ERROR_WRITE = 8
 
-_ABI_VERSION = 1
 _TIMING = {"timestamps": 0, "frame-rate": 1}
 _LAUNCH_TIME = {"frame": 0, "next-frame": 1}
 _PAGE = {"static": 0, "dynamic": 1}
 _STAGE = {0: "decoding", 1: "analysing"}
 _SERIES_CAPACITY = 4096  # frames the progress series buffers hold at first
-
-
-class _Region(ctypes.Structure):
-    _fields_ = [("x", ctypes.c_int32), ("y", ctypes.c_int32),
-                ("width", ctypes.c_int32), ("height", ctypes.c_int32)]
-
-
-_Progress = ctypes.CFUNCTYPE(None, ctypes.c_void_p, ctypes.c_int, ctypes.c_uint64, ctypes.c_uint64)
-
-
-class _Settings(ctypes.Structure):
-    _fields_ = [
-        ("struct_size", ctypes.c_size_t),
-        ("timing", ctypes.c_int),
-        ("fps", ctypes.c_double),
-        ("start", ctypes.c_int32),
-        ("end", ctypes.c_int32),
-        ("page_type", ctypes.c_int),
-        ("stable_baseline", ctypes.c_int32),
-        ("has_crop", ctypes.c_int32),
-        ("crop", _Region),
-        ("ignore", ctypes.POINTER(_Region)),
-        ("ignore_count", ctypes.c_size_t),
-        ("launch_time_mode", ctypes.c_int),
-        ("save_frames_dir", ctypes.c_char_p),
-        ("progress", _Progress),
-        ("progress_user", ctypes.c_void_p),
-        ("noise_tolerance", ctypes.c_int32),
-        ("progress_out", ctypes.POINTER(ctypes.c_double)),
-        ("frame_times_out", ctypes.POINTER(ctypes.c_double)),
-        ("series_capacity", ctypes.c_size_t),
-    ]
-
-
-class _KeyFrame(ctypes.Structure):
-    _fields_ = [("index", ctypes.c_int32), ("time", ctypes.c_double)]
-
-
-class _Result(ctypes.Structure):
-    _fields_ = [
-        ("struct_size", ctypes.c_size_t),
-        ("status", ctypes.c_int),
-        ("page_type", ctypes.c_int),
-        ("timing", ctypes.c_int),
-        ("launch_time_mode", ctypes.c_int),
-        ("fps", ctypes.c_double),
-        ("frame_count", ctypes.c_uint64),
-        ("frame_width", ctypes.c_int32),
-        ("frame_height", ctypes.c_int32),
-        ("launch_time", ctypes.c_double),
-        ("estimated_time_count", ctypes.c_uint64),
-        ("load_finished", _KeyFrame),
-        ("baseline", _KeyFrame),
-        ("logo_appear", _KeyFrame),
-        ("logo_disappear", _KeyFrame),
-        ("first_frame", _KeyFrame),
-        ("motion_start", _KeyFrame),
-        ("loaded_psnr", ctypes.c_double),
-        ("pre_loaded_psnr", ctypes.c_double),
-        ("object_count_length", ctypes.c_uint64),
-        ("first_non_blank_object_count", ctypes.c_uint64),
-        ("feature_matching_count", ctypes.c_uint64),
-        ("first_visual_change", _KeyFrame),
-        ("last_visual_change", _KeyFrame),
-        ("visually_complete_85", _KeyFrame),
-        ("visually_complete_95", _KeyFrame),
-        ("visually_complete_99", _KeyFrame),
-        ("speed_index_ms", ctypes.c_double),
-    ]
+_lib = _ffi.lib
+_KEY_FRAMES = _ffi.key_frame_fields()
 
 
 class VyraError(Exception):
@@ -138,83 +72,40 @@ class KeyFrame:
         return self.index >= 0
 
 
-@dataclass(frozen=True)
-class Measurement:
-    """Everything vyra_measure() reports for one recording."""
-    launch_time: float          # seconds, NaN when no load-finished frame was found
-    launch_time_mode: str       # "frame" or "next-frame"
-    page_type: str              # "static" or "dynamic"
-    timing: str                 # "timestamps" or "frame-rate"
-    fps: Optional[float]        # the frame rate of "frame-rate" timing, else None
-    frame_count: int
-    frame_width: int
-    frame_height: int
-    estimated_time_count: int
-    load_finished: KeyFrame
-    baseline: KeyFrame
-    logo_appear: KeyFrame
-    logo_disappear: KeyFrame
-    first_frame: KeyFrame
-    motion_start: KeyFrame
-    loaded_psnr: float
-    pre_loaded_psnr: float
-    object_count_length: int
-    first_non_blank_object_count: int
-    feature_matching_count: int
-    first_visual_change: KeyFrame
-    last_visual_change: KeyFrame
-    visually_complete_85: KeyFrame
-    visually_complete_95: KeyFrame
-    visually_complete_99: KeyFrame
-    speed_index_ms: float       # area above the visual progress curve, ms
-    noise_tolerance: int        # the noise tolerance the measures used
-    # (index, time in s, progress) of every frame when measure(progress_series=True), else ()
-    progress_series: Tuple[Tuple[int, float, float], ...]
-
-    @property
-    def found(self) -> bool:
-        return not math.isnan(self.launch_time)
+def _measurement_class():
+    """Measurement: the plain fields of VyraResult, then one KeyFrame per key frame of the library's table."""
+    plain = [
+        ("launch_time", float),          # seconds, NaN when no load-finished frame was found
+        ("launch_time_mode", str),       # "frame" or "next-frame"
+        ("page_type", str),              # "static" or "dynamic"
+        ("timing", str),                 # "timestamps" or "frame-rate"
+        ("fps", Optional[float]),        # the frame rate of "frame-rate" timing, else None
+        ("frame_count", int),
+        ("frame_width", int),
+        ("frame_height", int),
+        ("estimated_time_count", int),
+        ("loaded_psnr", float),
+        ("pre_loaded_psnr", float),
+        ("object_count_length", int),
+        ("first_non_blank_object_count", int),
+        ("feature_matching_count", int),
+        ("speed_index_ms", float),       # area above the visual progress curve, ms
+        ("noise_tolerance", int),        # the noise tolerance the measures used
+        # (index, time in s, progress) of every frame when measure(progress_series=True), else ()
+        ("progress_series", Tuple[Tuple[int, float, float], ...]),
+    ]
+    keys = [(field.key, KeyFrame) for field in _KEY_FRAMES]
+    cls = dataclasses.make_dataclass(
+        "Measurement", plain[:9] + keys + plain[9:], frozen=True,
+        namespace={"found": property(lambda self: not math.isnan(self.launch_time),
+                                     doc="True when a load-finished frame was found.")})
+    cls.__module__ = __name__
+    cls.__doc__ = ("Everything vyra_measure() reports for one recording; key frames are KeyFrame(index, time): "
+                   + ", ".join(field.key for field in _KEY_FRAMES) + ".")
+    return cls
 
 
-def _candidates():
-    env = os.environ.get("VYRA_LIBRARY")
-    if env:
-        yield env
-        return
-    found = ctypes.util.find_library("vyra")
-    if found:
-        yield found
-    yield "libvyra.so.0"
-    yield "libvyra.so"
-
-
-def _load():
-    errors = []
-    for name in _candidates():
-        try:
-            lib = ctypes.CDLL(name)
-            break
-        except OSError as e:
-            errors.append(f"{name}: {e}")
-    else:
-        raise ImportError("libvyra not found (set VYRA_LIBRARY to its path): " + "; ".join(errors))
-    lib.vyra_default_settings.argtypes = [ctypes.POINTER(_Settings)]
-    lib.vyra_default_settings.restype = None
-    lib.vyra_status_string.argtypes = [ctypes.c_int]
-    lib.vyra_status_string.restype = ctypes.c_char_p
-    lib.vyra_measure.argtypes = [ctypes.c_char_p, ctypes.POINTER(_Settings), ctypes.POINTER(_Result),
-                                 ctypes.c_char_p, ctypes.c_size_t]
-    lib.vyra_measure.restype = ctypes.c_int
-    lib.vyra_version.argtypes = []
-    lib.vyra_version.restype = ctypes.c_char_p
-    lib.vyra_abi_version.argtypes = []
-    lib.vyra_abi_version.restype = ctypes.c_uint
-    if lib.vyra_abi_version() != _ABI_VERSION:
-        raise ImportError(f"libvyra ABI {lib.vyra_abi_version()} found, this binding needs {_ABI_VERSION}")
-    return lib
-
-
-_lib = _load()
+Measurement = _measurement_class()
 
 
 def version() -> str:
@@ -227,12 +118,13 @@ def abi_version() -> int:
     return int(_lib.vyra_abi_version())
 
 
-def _region(value: Sequence[int]) -> _Region:
+def _region(value: Sequence[int]) -> _ffi.Region:
     x, y, w, h = (int(v) for v in value)
-    return _Region(x, y, w, h)
+    return _ffi.Region(x, y, w, h)
 
 
-def _key(k: _KeyFrame) -> KeyFrame:
+def _key(result, offset: int) -> KeyFrame:
+    k = _ffi.KeyFrame.from_buffer(result, offset)
     return KeyFrame(int(k.index), float(k.time))
 
 
@@ -271,7 +163,7 @@ def measure(path, *, fps: Optional[float] = None, start: int = 0, end: int = 0, 
     """
     if not 0 <= int(noise_tolerance) <= 255:
         raise ValueError(f"noise_tolerance must lie in 0..255, not {noise_tolerance!r}")
-    settings = _Settings()
+    settings = _ffi.Settings()
     _lib.vyra_default_settings(ctypes.byref(settings))
     if fps is not None:
         settings.timing = _TIMING["frame-rate"]
@@ -284,9 +176,9 @@ def measure(path, *, fps: Optional[float] = None, start: int = 0, end: int = 0, 
         settings.has_crop = 1
         settings.crop = _region(crop)
     regions = [_region(r) for r in ignore]
-    array = (_Region * len(regions))(*regions) if regions else None
+    array = (_ffi.Region * len(regions))(*regions) if regions else None
     if array is not None:
-        settings.ignore = ctypes.cast(array, ctypes.POINTER(_Region))
+        settings.ignore = ctypes.cast(array, ctypes.POINTER(_ffi.Region))
         settings.ignore_count = len(regions)
     settings.launch_time_mode = _choice(_LAUNCH_TIME, launch_time, "launch_time")
     if save_frames is not None:
@@ -331,11 +223,11 @@ def _run(path, settings, progress):
                 progress(_STAGE.get(stage, str(stage)), int(done), int(total))
             except BaseException as e:  # handed back after the call
                 raised.append(e)
-        callback = _Progress(relay)
+        callback = _ffi.Progress(relay)
         settings.progress = callback
 
-    result = _Result()
-    result.struct_size = ctypes.sizeof(_Result)
+    result = _ffi.Result()
+    result.struct_size = ctypes.sizeof(_ffi.Result)
     error = ctypes.create_string_buffer(1024)
     status = _lib.vyra_measure(os.fsencode(path), ctypes.byref(settings), ctypes.byref(result),
                                error, ctypes.sizeof(error))
@@ -343,6 +235,7 @@ def _run(path, settings, progress):
 
 
 def _measurement(result, noise_tolerance, series) -> Measurement:
+    keys = {field.key: _key(result, field.offset) for field in _KEY_FRAMES}
     return Measurement(
         launch_time=float(result.launch_time),
         launch_time_mode=_name(_LAUNCH_TIME, result.launch_time_mode),
@@ -353,23 +246,13 @@ def _measurement(result, noise_tolerance, series) -> Measurement:
         frame_width=int(result.frame_width),
         frame_height=int(result.frame_height),
         estimated_time_count=int(result.estimated_time_count),
-        load_finished=_key(result.load_finished),
-        baseline=_key(result.baseline),
-        logo_appear=_key(result.logo_appear),
-        logo_disappear=_key(result.logo_disappear),
-        first_frame=_key(result.first_frame),
-        motion_start=_key(result.motion_start),
         loaded_psnr=float(result.loaded_psnr),
         pre_loaded_psnr=float(result.pre_loaded_psnr),
         object_count_length=int(result.object_count_length),
         first_non_blank_object_count=int(result.first_non_blank_object_count),
         feature_matching_count=int(result.feature_matching_count),
-        first_visual_change=_key(result.first_visual_change),
-        last_visual_change=_key(result.last_visual_change),
-        visually_complete_85=_key(result.visually_complete_85),
-        visually_complete_95=_key(result.visually_complete_95),
-        visually_complete_99=_key(result.visually_complete_99),
         speed_index_ms=float(result.speed_index_ms),
         noise_tolerance=noise_tolerance,
         progress_series=series,
+        **keys,
     )
