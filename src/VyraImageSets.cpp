@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
+#include <unordered_map>
 
 namespace vyra {
 
@@ -79,14 +80,51 @@ double ImageSets::GetImagesPSNR(int i, int j) {
 
 namespace {
 
-// A box of `mine` counts as shared when `theirs` holds the same box, or else
-// the first box of equal area that lies within the tolerance of it.
-bool hasCounterpart(const Rect& box, const std::vector<Rect>& theirs) {
-    if (std::find(theirs.begin(), theirs.end(), box) != theirs.end()) return true;
-    return std::any_of(theirs.begin(), theirs.end(), [&box](const Rect& other) {
-        return other.area == box.area && box.ApproximateOverlap(other, 0.3);
-    });
-}
+// The boxes of one list, searched for a counterpart of a box: the same box,
+// or one of equal area that Rect::ApproximateOverlap accepts with tolerance
+// 0.3. Both need the same width and height (equal boxes trivially, and
+// ApproximateOverlap checks them first), and the accepted centres lie within
+// 0.3 times the width of each other horizontally; so the boxes are grouped
+// by width and height and sorted by their doubled centre's x, and only those
+// within that distance are asked. The answer is ApproximateOverlap's own, so
+// it equals the search through every box, at near-linear cost.
+class CounterpartIndex {
+public:
+    explicit CounterpartIndex(const std::vector<Rect>& boxes) {
+        for (const Rect& box : boxes) groups_[sizeKey(box)].push_back(&box);
+        for (auto& entry : groups_) {
+            std::sort(entry.second.begin(), entry.second.end(),
+                      [](const Rect* a, const Rect* b) { return doubledCentreX(*a) < doubledCentreX(*b); });
+        }
+    }
+
+    bool HasCounterpart(const Rect& box) const {
+        const auto group = groups_.find(sizeKey(box));
+        if (group == groups_.end()) return false;
+        const std::vector<const Rect*>& candidates = group->second;
+        // |doubled centre x difference| / 2 <= 0.3 * width, widened by one.
+        const std::int64_t reach = static_cast<std::int64_t>(std::ceil(0.6 * box.width)) + 1;
+        const std::int64_t low = doubledCentreX(box) - reach;
+        const std::int64_t high = doubledCentreX(box) + reach;
+        auto it = std::lower_bound(candidates.begin(), candidates.end(), low,
+                                   [](const Rect* r, std::int64_t x) { return doubledCentreX(*r) < x; });
+        for (; it != candidates.end() && doubledCentreX(**it) <= high; ++it) {
+            if (box.ApproximateOverlap(**it, 0.3)) return true;
+        }
+        return false;
+    }
+
+private:
+    static std::uint64_t sizeKey(const Rect& box) {
+        return (static_cast<std::uint64_t>(static_cast<std::uint32_t>(box.width)) << 32) |
+               static_cast<std::uint32_t>(box.height);
+    }
+    static std::int64_t doubledCentreX(const Rect& box) {
+        return static_cast<std::int64_t>(box.left) + static_cast<std::int64_t>(box.right);
+    }
+
+    std::unordered_map<std::uint64_t, std::vector<const Rect*>> groups_;
+};
 
 double summedArea(const std::vector<Rect>& boxes) {
     double total = 0.0;
@@ -99,9 +137,10 @@ double summedArea(const std::vector<Rect>& boxes) {
 cv::Vec3i ImageSets::GetImagesObjectsOverlapArea(int i, int j) {
     const std::vector<Rect>& a = (*this)[i].GetImageObjects();
     const std::vector<Rect>& b = (*this)[j].GetImageObjects();
+    const CounterpartIndex counterparts(b);
     double overlap = 0.0;
     for (const Rect& r : a) {
-        if (hasCounterpart(r, b)) overlap += r.area;
+        if (counterparts.HasCounterpart(r)) overlap += r.area;
     }
     return cv::Vec3i(static_cast<int>(summedArea(a)), static_cast<int>(summedArea(b)),
                      static_cast<int>(overlap));
