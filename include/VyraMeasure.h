@@ -194,6 +194,7 @@ struct VYRA_API MeasureResult {
     KeyFrame visuallyComplete85;      ///< visual.visuallyComplete85
     KeyFrame visuallyComplete95;      ///< visual.visuallyComplete95
     KeyFrame visuallyComplete99;      ///< visual.visuallyComplete99
+    KeyFrame visuallyComplete;        ///< visual.visuallyComplete: from here on the screen shows the final picture
     double speedIndexMs = std::numeric_limits<double>::quiet_NaN(); ///< visual.speedIndexMs
 };
 

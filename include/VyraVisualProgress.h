@@ -70,6 +70,16 @@
  * Last visual change: the last k >= 1 whose frame differs from frame k-1;
  * -1 when none does.
  *
+ * Visually complete (100 %): the first k such that no frame m >= k differs
+ * from the last frame (by the pixel change test above): from k on, the
+ * screen shows the final picture, within the level tolerance. It is worked
+ * out when the tracker finishes, from the block sums of the latest frames
+ * that differ from the frame before them, kept in a window of
+ * kVisualCompleteWindowBytes; when every frame of that window looks like the
+ * last one, the first frame of the window is reported (a recording needs
+ * more than about 80 distinct frames of 1080x1920 at its end, all alike the
+ * last within the tolerance, for that to come before the true answer).
+ *
  * Visually complete at threshold x: the first k such that
  * progress[m] >= x for every m >= k; the moment the curve reaches x for
  * the last time and stays, not its first crossing. It always exists for a
@@ -106,6 +116,7 @@
 #ifndef VYRA_VISUAL_PROGRESS_H
 #define VYRA_VISUAL_PROGRESS_H
 
+#include <cstddef>
 #include <limits>
 #include <memory>
 #include <vector>
@@ -163,6 +174,9 @@ constexpr double kVisualProgressAreaTolerance = 0.0002;
 
 /** Default of VisualProgressOptions::histogramSlop. */
 constexpr int kVisualProgressHistogramSlop = 8;
+
+/** Bytes of block sums a tracker keeps to find visually complete (see above). */
+constexpr size_t kVisualCompleteWindowBytes = size_t(32) << 20;
 
 /** Noise tolerances of the visual progress measures (see the file comment). */
 struct VYRA_API VisualProgressOptions {
@@ -225,17 +239,25 @@ struct VYRA_API VisualProgress {
     int visuallyComplete99 = -1;
     double visuallyComplete99Ms = std::numeric_limits<double>::quiet_NaN();
 
+    /** Visually complete (100 %): frame (or -1 when empty) and time (or NaN). */
+    int visuallyComplete = -1;
+    double visuallyCompleteMs = std::numeric_limits<double>::quiet_NaN();
+
     /** Speed index in ms; 0 without visual change, NaN for no frames. */
     double speedIndexMs = std::numeric_limits<double>::quiet_NaN();
+
+    /** The level tolerance the changes above were found with. */
+    int levelTolerance = 0;
 };
 
 /**
  * Collects, frame by frame, what the visual progress measures need.
  *
- * Memory: per accepted frame 3 KiB of histograms and a few numbers; besides,
- * the block sums of the frame being added, of the previous frame, and of
- * frame 0 until a frame differing from it has been seen (12 bytes per block
- * each, 0.4 MB for a 1920x1080 frame in 8x8 blocks). No pixels are kept.
+ * Memory: per accepted frame 5 KiB of histograms and change levels and a
+ * few numbers; besides, the block sums of the frame being added, of the
+ * previous frame and of frame 0 (12 bytes per block each, 0.4 MB for a
+ * 1920x1080 frame in 8x8 blocks), and those of the latest distinct frames up
+ * to kVisualCompleteWindowBytes. No pixels are kept.
  * Each AddFrame makes one pass over the frame's pixels and allocates only
  * when the frame size changes or the frame list grows. Finish compares every
  * frame's histograms with the last frame's: about 3 x 256 x (2 x slop + 1)
@@ -307,6 +329,10 @@ public:
 private:
     bool add(const cv::Mat& frame, double timeMs, const cv::Mat* previous,
              const std::vector<cv::Range>* changedRows);
+    // Keeps the block sums of frame @p index, just scanned, in the window.
+    void remember(int index);
+    // Visually complete at @p tolerance (see the file comment).
+    int lastLikeEnd(int tolerance) const;
 
     struct State;
     std::unique_ptr<State> state_;

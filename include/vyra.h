@@ -176,6 +176,9 @@ typedef struct VyraResult {
     VyraKeyFrame visually_complete_99; /**< ... >= 0.99 */
     double speed_index_ms;        /**< area above the progress curve up to the last visual change,
                                        in ms; 0 without visual change, NaN on error */
+    /* ---- appended: visually complete, the noise tolerance used ---- */
+    VyraKeyFrame visually_complete; /**< first frame from which every frame looks like the last one
+                                         (100 %; see VyraVisualProgress.h) */
 } VyraResult;
 
 /** The two tables of a summary that key frames belong to. */

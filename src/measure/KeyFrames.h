@@ -21,18 +21,19 @@
  *   index   the frame's index, an expression of `a` (the AnalysisResult) and
  *           `v` (the VisualProgress)
  */
-#define VYRA_KEY_FRAME_TABLE(X)                                                                              \
-    X(Analysis, "load finished", load_finished, loadFinished, a.loadFinishedIndex)                           \
-    X(Analysis, "baseline", baseline, baseline, a.staticResult.baselineIndex)                                \
-    X(Analysis, "logo appear", logo_appear, logoAppear, a.staticResult.logoAppearIndex)                      \
-    X(Analysis, "logo disappear", logo_disappear, logoDisappear, a.staticResult.logoDisappearIndex)          \
-    X(Analysis, "first frame", first_frame, firstFrame, a.staticResult.firstFrameIndex)                      \
-    X(Analysis, "motion start", motion_start, motionStart, a.dynamicResult.motionStartIndex)                 \
-    X(VisualProgress, "first change", first_visual_change, firstVisualChange, v.firstVisualChange)          \
-    X(VisualProgress, "last change", last_visual_change, lastVisualChange, v.lastVisualChange)              \
-    X(VisualProgress, "complete 85", visually_complete_85, visuallyComplete85, v.visuallyComplete85)        \
-    X(VisualProgress, "complete 95", visually_complete_95, visuallyComplete95, v.visuallyComplete95)        \
-    X(VisualProgress, "complete 99", visually_complete_99, visuallyComplete99, v.visuallyComplete99)
+#define VYRA_KEY_FRAME_TABLE(X)                                                                      \
+    X(Analysis, "load finished", load_finished, loadFinished, a.loadFinishedIndex)                   \
+    X(Analysis, "baseline", baseline, baseline, a.staticResult.baselineIndex)                        \
+    X(Analysis, "logo appear", logo_appear, logoAppear, a.staticResult.logoAppearIndex)              \
+    X(Analysis, "logo disappear", logo_disappear, logoDisappear, a.staticResult.logoDisappearIndex)  \
+    X(Analysis, "first frame", first_frame, firstFrame, a.staticResult.firstFrameIndex)              \
+    X(Analysis, "motion start", motion_start, motionStart, a.dynamicResult.motionStartIndex)         \
+    X(VisualProgress, "first change", first_visual_change, firstVisualChange, v.firstVisualChange)   \
+    X(VisualProgress, "last change", last_visual_change, lastVisualChange, v.lastVisualChange)       \
+    X(VisualProgress, "complete 85", visually_complete_85, visuallyComplete85, v.visuallyComplete85) \
+    X(VisualProgress, "complete 95", visually_complete_95, visuallyComplete95, v.visuallyComplete95) \
+    X(VisualProgress, "complete 99", visually_complete_99, visuallyComplete99, v.visuallyComplete99) \
+    X(VisualProgress, "complete 100", visually_complete, visuallyComplete, v.visuallyComplete)
 
 namespace vyra {
 namespace detail {

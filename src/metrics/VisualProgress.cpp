@@ -5,6 +5,7 @@
 #include <cmath>
 #include <cstdint>
 #include <cstdlib>
+#include <deque>
 #include <numeric>
 
 namespace vyra {
@@ -16,11 +17,23 @@ constexpr int kChannels = 3;
 
 using Histogram = std::array<std::uint32_t, kChannels * kBins>;  // B, G, R
 
+// How two frames differ, for every level tolerance at once:
+// pixelsAbove[l] is the pixel count of the blocks whose largest channel-mean
+// difference exceeds l levels but not l + 1 (exactly: whose largest integer
+// channel-sum difference d has floor((d - 1) / pixels of the block) = l), so
+// the blocks that change at tolerance t hold sum_{l >= t} pixelsAbove[l]
+// pixels. Frames of different sizes change wholly at every tolerance.
+struct ChangeLevels {
+    std::array<std::uint32_t, kBins> pixelsAbove{};
+    bool sizeDiffers = false;
+};
+
 struct FrameRecord {
     Histogram histogram;
     std::uint64_t pixels;
     double timeMs;
-    double changedFraction;
+    ChangeLevels sincePrevious;  // against frame k - 1 (nothing for frame 0)
+    ChangeLevels sinceFirst;     // against frame 0
 };
 
 // Channel sums of the blocks of one frame, row by row of blocks, B G R per
@@ -148,28 +161,41 @@ void RescanChangedRows(const cv::Mat& frame, const cv::Mat& previous, int block,
     }
 }
 
-// Pixels in the blocks whose channel mean differs by more than `level`
-// between two frames of one size; the whole frame when the sizes differ.
-std::uint64_t ChangedPixels(const BlockSums& a, const BlockSums& b, int block, int level) {
+// The change levels of the blocks of two frames' block sums.
+ChangeLevels LevelsOf(const BlockSums& a, const BlockSums& b, int block) {
+    ChangeLevels levels;
     if (a.size != b.size) {
-        return static_cast<std::uint64_t>(a.size.width) * static_cast<std::uint64_t>(a.size.height);
+        levels.sizeDiffers = true;
+        return levels;
     }
-    std::uint64_t changed = 0;
     size_t i = 0;
     for (int y0 = 0; y0 < a.size.height; y0 += block) {
         const int height = std::min(block, a.size.height - y0);
         for (int x0 = 0; x0 < a.size.width; x0 += block, i += kChannels) {
-            const std::int64_t area = static_cast<std::int64_t>(height) *
-                                      std::min(block, a.size.width - x0);
-            const std::int64_t limit = level * area;
+            const std::int64_t area = static_cast<std::int64_t>(height) * std::min(block, a.size.width - x0);
+            std::int64_t largest = 0;
             for (int c = 0; c < kChannels; ++c) {
                 const std::int64_t d = static_cast<std::int64_t>(a.sums[i + c]) - b.sums[i + c];
-                if (d > limit || -d > limit) {
-                    changed += static_cast<std::uint64_t>(area);
-                    break;
-                }
+                largest = std::max(largest, d < 0 ? -d : d);
+            }
+            if (largest > 0) {
+                const std::int64_t level = std::min<std::int64_t>((largest - 1) / area, kBins - 1);
+                levels.pixelsAbove[static_cast<size_t>(level)] += static_cast<std::uint32_t>(area);
             }
         }
+    }
+    return levels;
+}
+
+// Pixels in the blocks whose channel mean differs by more than @p tolerance
+// levels; all @p pixels when the frames' sizes differ.
+std::uint64_t ChangedPixels(const ChangeLevels& levels, int tolerance, std::uint64_t pixels) {
+    if (levels.sizeDiffers) {
+        return pixels;
+    }
+    std::uint64_t changed = 0;
+    for (int l = tolerance; l < kBins; ++l) {
+        changed += levels.pixelsAbove[static_cast<size_t>(l)];
     }
     return changed;
 }
@@ -251,15 +277,21 @@ double TimeOf(const std::vector<double>& timesMs, int index) {
 
 }  // namespace
 
+// The block sums of a frame that differs from the one before it, kept to
+// compare it with the last frame when the tracker finishes.
+struct Snapshot {
+    int firstIndex;  // the frame; the frames up to the next snapshot have its pixels
+    BlockSums sums;
+};
+
 struct VisualProgressTracker::State {
     VisualProgressOptions options;
     std::vector<FrameRecord> frames;
     BlockSums current;   // scratch for the frame being added
     BlockSums previous;  // of the last frame taken
-    BlockSums first;     // of frame 0, until a frame differs from it
-    bool comparingFirst = false;
-    int firstVisualChange = -1;
-    int lastVisualChange = -1;
+    BlockSums first;     // of frame 0
+    std::deque<Snapshot> recent;  // the latest distinct frames, newest last
+    size_t recentBytes = 0;
 };
 
 VisualProgressTracker::VisualProgressTracker(const VisualProgressOptions& options)
@@ -309,6 +341,7 @@ bool VisualProgressTracker::add(const cv::Mat& frame, double timeMs, const cv::M
     if (index == 0) {
         s.first.sums.reserve(gridValues);
     }
+    s.frames.reserve(s.frames.size() + 1);
     Histogram histogram;
     if (incremental) {
         histogram = s.frames.back().histogram;
@@ -319,32 +352,32 @@ bool VisualProgressTracker::add(const cv::Mat& frame, double timeMs, const cv::M
         histogram.fill(0);
         ScanFrame(frame, block, histogram.data(), s.current);
     }
+    remember(index);
     FrameRecord& record = s.frames.emplace_back();
     record.histogram = histogram;
     record.pixels = frame.total();
     record.timeMs = timeMs;
     if (index == 0) {
-        record.changedFraction = 0.0;
         s.first.size = s.current.size;
         s.first.sums.assign(s.current.sums.begin(), s.current.sums.end());
-        s.comparingFirst = true;
     } else {
-        const std::uint64_t changed =
-            ChangedPixels(s.current, s.previous, block, s.options.levelTolerance);
-        record.changedFraction = Fraction(changed, record.pixels);
-        if (record.changedFraction > s.options.areaTolerance) {
-            s.lastVisualChange = index;
-        }
-        if (s.comparingFirst &&
-            Fraction(ChangedPixels(s.current, s.first, block, s.options.levelTolerance),
-                     record.pixels) > s.options.areaTolerance) {
-            s.firstVisualChange = index;
-            s.comparingFirst = false;  // only the first such frame matters
-            std::vector<std::uint32_t>().swap(s.first.sums);
-        }
+        record.sincePrevious = LevelsOf(s.current, s.previous, block);
+        record.sinceFirst = LevelsOf(s.current, s.first, block);
     }
     std::swap(s.current, s.previous);
     return true;
+}
+
+void VisualProgressTracker::remember(int index) {
+    State& s = *state_;
+    Snapshot snapshot{index, s.current};
+    const size_t bytes = snapshot.sums.sums.size() * sizeof(std::uint32_t);
+    s.recent.push_back(std::move(snapshot));
+    s.recentBytes += bytes;
+    while (s.recent.size() > 1 && s.recentBytes > kVisualCompleteWindowBytes) {
+        s.recentBytes -= s.recent.front().sums.sums.size() * sizeof(std::uint32_t);
+        s.recent.pop_front();
+    }
 }
 
 bool VisualProgressTracker::AddRepeatedFrame(double timeMs) {
@@ -353,12 +386,12 @@ bool VisualProgressTracker::AddRepeatedFrame(double timeMs) {
         return false;
     }
     // Equal pixels: the same histogram and pixel count, no changed block
-    // against the previous frame, and against frame 0 the comparison the
-    // previous frame already made. The block sums stay those of the previous
-    // frame.
+    // against the previous frame, and against frame 0 what the previous
+    // frame had. The block sums stay those of the previous frame, whose
+    // snapshot stands for this frame too.
     FrameRecord record = s.frames.back();
     record.timeMs = timeMs;
-    record.changedFraction = 0.0;
+    record.sincePrevious = ChangeLevels();
     s.frames.push_back(record);
     return true;
 }
@@ -376,9 +409,14 @@ VisualProgress VisualProgressTracker::Finish() const {
     const std::vector<FrameRecord>& frames = s.frames;
     const int slop = s.options.histogramSlop;
     VisualProgress result;
+    result.levelTolerance = s.options.levelTolerance;
     if (frames.empty()) {
         return result;
     }
+    const int tolerance = result.levelTolerance;
+    const auto differs = [&](const ChangeLevels& levels, std::uint64_t pixels) {
+        return Fraction(ChangedPixels(levels, tolerance, pixels), pixels) > s.options.areaTolerance;
+    };
     const size_t n = frames.size();
     result.timesMs.reserve(n);
     result.progress.reserve(n);
@@ -387,17 +425,22 @@ VisualProgress VisualProgressTracker::Finish() const {
     const FrameRecord& last = frames.back();
     const ChannelDistances whole = Distances(frames.front(), last, slop);
     const bool unchanged = whole.unpaired == decltype(whole.unpaired){};
-    for (const FrameRecord& frame : frames) {
+    for (size_t k = 0; k < n; ++k) {
+        const FrameRecord& frame = frames[k];
+        const int index = static_cast<int>(k);
         result.timesMs.push_back(frame.timeMs);
-        result.changedFraction.push_back(frame.changedFraction);
-        result.progress.push_back(
-            unchanged ? 1.0 : ProgressOf(whole, Distances(frame, last, slop)));
+        result.changedFraction.push_back(Fraction(ChangedPixels(frame.sincePrevious, tolerance, frame.pixels),
+                                                  frame.pixels));
+        result.progress.push_back(unchanged ? 1.0 : ProgressOf(whole, Distances(frame, last, slop)));
+        if (k > 0 && result.changedFraction.back() > s.options.areaTolerance) {
+            result.lastVisualChange = index;
+        }
+        if (k > 0 && result.firstVisualChange < 0 && differs(frame.sinceFirst, frame.pixels)) {
+            result.firstVisualChange = index;
+        }
     }
-
-    result.firstVisualChange = s.firstVisualChange;
-    result.firstVisualChangeMs = TimeOf(result.timesMs, s.firstVisualChange);
-    result.lastVisualChange = s.lastVisualChange;
-    result.lastVisualChangeMs = TimeOf(result.timesMs, s.lastVisualChange);
+    result.firstVisualChangeMs = TimeOf(result.timesMs, result.firstVisualChange);
+    result.lastVisualChangeMs = TimeOf(result.timesMs, result.lastVisualChange);
     const auto complete = [&result](double threshold, int& index, double& timeMs) {
         index = VisuallyCompleteIndex(result.progress, threshold);
         timeMs = TimeOf(result.timesMs, index);
@@ -405,8 +448,25 @@ VisualProgress VisualProgressTracker::Finish() const {
     complete(0.85, result.visuallyComplete85, result.visuallyComplete85Ms);
     complete(0.95, result.visuallyComplete95, result.visuallyComplete95Ms);
     complete(0.99, result.visuallyComplete99, result.visuallyComplete99Ms);
-    result.speedIndexMs = SpeedIndexMs(result.timesMs, result.progress, s.lastVisualChange);
+    result.visuallyComplete = lastLikeEnd(tolerance);
+    result.visuallyCompleteMs = TimeOf(result.timesMs, result.visuallyComplete);
+    result.speedIndexMs = SpeedIndexMs(result.timesMs, result.progress, result.lastVisualChange);
     return result;
+}
+
+int VisualProgressTracker::lastLikeEnd(int tolerance) const {
+    const State& s = *state_;
+    const int n = static_cast<int>(s.frames.size());
+    int end = n - 1;  // last frame the snapshot being looked at stands for
+    for (auto it = s.recent.rbegin(); it != s.recent.rend(); ++it) {
+        const std::uint64_t pixels = s.frames[static_cast<size_t>(end)].pixels;
+        const ChangeLevels levels = LevelsOf(it->sums, s.previous, s.options.blockSize);
+        if (Fraction(ChangedPixels(levels, tolerance, pixels), pixels) > s.options.areaTolerance) {
+            return end + 1;
+        }
+        end = it->firstIndex - 1;
+    }
+    return s.recent.front().firstIndex;
 }
 
 int VisuallyCompleteIndex(const std::vector<double>& progress, double threshold) {

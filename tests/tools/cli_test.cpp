@@ -201,25 +201,27 @@ TEST(Cli, HumanSummaryListsLaunchTimeAndKeyFrames) {
               "complete 85           4      0.250\n"
               "complete 95           4      0.250\n"
               "complete 99           4      0.250\n"
+              "complete 100          4      0.250\n"
               "speed index: 250.0 ms, noise tolerance: 20\n");  // 250 ms at progress 0
 
     const ProcessResult next = runVyra({"analyse", rec, "--fps", "20", "--launch-time", "next-frame", "--start", "1",
                                         "--noise-tolerance", "7", "--progress"});
     EXPECT_EQ(next.exitCode, 0) << next.err;
     const std::vector<std::string> lines = splitLines(next.out);
-    ASSERT_EQ(lines.size(), 26u) << next.out;
+    ASSERT_EQ(lines.size(), 27u) << next.out;
     EXPECT_EQ(lines[0], "launch time: 0.200 s");  // (3 + 1) / 20
     EXPECT_EQ(lines[2], "load finished         3      0.150");
     EXPECT_EQ(lines[8], "frames: 9 (180x320), timing: frame rate 20 fps, launch time at: next frame");
     EXPECT_EQ(lines[9], "visual progress   index   time (s)");
     EXPECT_EQ(lines[10], "first change          3      0.150");
     EXPECT_EQ(lines[14], "complete 99           3      0.150");
-    EXPECT_EQ(lines[15], "speed index: 150.0 ms, noise tolerance: 7");
-    EXPECT_EQ(lines[16], " frame   time (s)  progress");
-    EXPECT_EQ(lines[17], "     0      0.000    0.0000");
-    EXPECT_EQ(lines[19], "     2      0.100    0.0000");
-    EXPECT_EQ(lines[20], "     3      0.150    1.0000");
-    EXPECT_EQ(lines[25], "     8      0.400    1.0000");
+    EXPECT_EQ(lines[15], "complete 100          3      0.150");
+    EXPECT_EQ(lines[16], "speed index: 150.0 ms, noise tolerance: 7");
+    EXPECT_EQ(lines[17], " frame   time (s)  progress");
+    EXPECT_EQ(lines[18], "     0      0.000    0.0000");
+    EXPECT_EQ(lines[20], "     2      0.100    0.0000");
+    EXPECT_EQ(lines[21], "     3      0.150    1.0000");
+    EXPECT_EQ(lines[26], "     8      0.400    1.0000");
 }
 
 TEST(Cli, NothingFoundIsSuccessWithNullLaunchTime) {
@@ -343,6 +345,7 @@ TEST(CliVisual, LateImageIsVisuallyComplete99AndTheLaunchTimeIsTheLoadFinishedFr
     EXPECT_EQ(v["visually_complete_95"]["index"], 2);
     EXPECT_EQ(v["visually_complete_99"]["index"], 4);
     EXPECT_DOUBLE_EQ(v["visually_complete_99"]["time"].get<double>(), 2.2);
+    EXPECT_EQ(v["visually_complete"]["index"], 4);
     EXPECT_NEAR(v["speed_index_ms"].get<double>(), 200.0 + 2000.0 / 28.0, 1e-9);
     const std::vector<double> expected = {0.0, 0.0, 27.0 / 28.0, 27.0 / 28.0, 1.0, 1.0};
     ASSERT_EQ(v["progress"].size(), expected.size());

@@ -75,6 +75,7 @@ class Result(ctypes.Structure):
         ("visually_complete_95", KeyFrame),
         ("visually_complete_99", KeyFrame),
         ("speed_index_ms", ctypes.c_double),
+        ("visually_complete", KeyFrame),
     ]
 
 

@@ -61,6 +61,7 @@ int main(void) {
     FIELD(VyraResult, visually_complete_95);
     FIELD(VyraResult, visually_complete_99);
     FIELD(VyraResult, speed_index_ms);
+    FIELD(VyraResult, visually_complete);
 
     printf("VyraRegion sizeof %zu\n", sizeof(VyraRegion));
     printf("VyraKeyFrame sizeof %zu\n", sizeof(VyraKeyFrame));
