@@ -40,7 +40,8 @@
  *     last dot read like strtol: leading white space, a sign, digits), in
  *     milliseconds; a name without a number, or a number not above the
  *     previous one, throws VYRA_ERROR_NO_TIMESTAMPS.
- * Timing::FrameRate: frame k is at k / fps seconds; fps must be above 0.
+ * Timing::FrameRate: frame k is at k / fps seconds; fps must lie in
+ * [kMinFps, kMaxFps].
  *
  * Every time in the result is in seconds from the range's first frame.
  *
@@ -120,6 +121,10 @@ enum class Timing { Timestamps, FrameRate };
 /** Which frame the launch time is read at (see the file comment). */
 enum class LaunchTimeMode { LoadFinishedFrame, NextFrame };
 
+/** The frame rates Timing::FrameRate accepts: one frame per 1000 s up to a million per second. */
+constexpr double kMinFps = 1e-3;
+constexpr double kMaxFps = 1e6;
+
 /** Stage reported to MeasureOptions::progress. */
 enum class MeasureStage { Decoding, Analysing };
 
@@ -142,7 +147,7 @@ using ProgressCallback = std::function<void(MeasureStage stage, size_t done, siz
 /** Options of one measurement; the defaults measure a static page by timestamps. */
 struct VYRA_API MeasureOptions {
     Timing timing = Timing::Timestamps;
-    double fps = 0.0;                 ///< used by Timing::FrameRate only
+    double fps = 0.0;                 ///< used by Timing::FrameRate only: kMinFps .. kMaxFps
     int start = 0;                    ///< first frame of the range; negative counts as 0
     int end = 0;                      ///< last frame, inclusive, when > 1; else to the end
     VyraPageType pageType = STATIC_PAGE;
@@ -233,8 +238,8 @@ private:
  * Measures the recording at @p path.
  *
  * Throws MeasureError with:
- *   - VYRA_ERROR_INVALID_ARGUMENT: Timing::FrameRate with an fps that is not
- *     a finite number above 0; a page type other than STATIC_PAGE and
+ *   - VYRA_ERROR_INVALID_ARGUMENT: Timing::FrameRate with an fps outside
+ *     [kMinFps, kMaxFps] (or not a number); a page type other than STATIC_PAGE and
  *     DYNAMIC_PAGE; a crop or ignore region whose width or height is below 1
  *     or that does not lie wholly inside a frame (checked on each frame);
  *   - VYRA_ERROR_NOT_FOUND: @p path does not exist;

@@ -14,7 +14,7 @@
 typedef enum VyraStatus {
     VYRA_OK = 0,
     /** A NULL path or result, a struct_size too small, an unknown enum value,
-     *  fps not above 0 (or not finite) with VYRA_TIMING_FRAME_RATE, a region
+     *  fps outside 0.001 .. 1e6 (or not a number) with VYRA_TIMING_FRAME_RATE, a region
      *  with a width or height below 1, a crop or ignore region that does not
      *  lie wholly inside a frame, ignore_count > 0 with a NULL ignore. */
     VYRA_ERROR_INVALID_ARGUMENT = 1,

@@ -98,7 +98,7 @@ typedef void (*VyraProgressCallback)(void* user, VyraStage stage, uint64_t done,
 typedef struct VyraSettings {
     size_t struct_size;           /**< sizeof(VyraSettings) as the caller knows it */
     VyraTiming timing;            /**< default VYRA_TIMING_TIMESTAMPS */
-    double fps;                   /**< frames per second for VYRA_TIMING_FRAME_RATE; default 0 */
+    double fps;                   /**< frames per second for VYRA_TIMING_FRAME_RATE, 0.001 .. 1e6; default 0 */
     int32_t start;                /**< first frame of the range (position in file-name order for a
                                        folder, decode order for a video); negative counts as 0.
                                        Default 0 */

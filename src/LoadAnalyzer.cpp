@@ -296,7 +296,12 @@ double count_launch_time_mseconds(std::vector<std::string>& names, int startPos,
 void writeFile(std::string fileName, std::string content) {
     std::ofstream out(fileName, std::ios::out | std::ios::app);
     if (out.is_open()) {
-        out << content << '\n' << std::flush;
+        // The line and its newline leave in one write to the end of the
+        // file, so that lines appended by other processes never cut it.
+        content += '\n';
+        out.rdbuf()->pubsetbuf(nullptr, 0);
+        out.write(content.data(), static_cast<std::streamsize>(content.size()));
+        out.flush();
     } else {
         std::cout << "open file failure" << std::endl;
     }

@@ -2,6 +2,7 @@
 // construction, the console text of a run line by line, the launch time in
 // both frame modes, the report file and the failure paths of analyse().
 #include <sys/resource.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cmath>
@@ -380,6 +381,38 @@ TEST(AnalyseReport, EveryRunAppendsOneLine) {
     EXPECT_DOUBLE_EQ(runAnalyse(given, 0, 10, 0, 0).value, 0.5);
     EXPECT_DOUBLE_EQ(runAnalyse(given, 0, 20, 0, 0).value, 0.25);
     expectReportLines(dir / "record.log", given, 2);
+}
+
+TEST(AnalyseReport, LongLinesFromManyProcessesStayWhole) {
+    // Each line is longer than a stream buffer, so that a line written in
+    // pieces would be cut by the lines of other processes.
+    TempDir dir;
+    const std::string file = (dir / "record.log").string();
+    const int processes = 8;
+    const int lines = 300;
+    std::vector<pid_t> children;
+    for (int p = 0; p < processes; ++p) {
+        const pid_t child = fork();
+        ASSERT_GE(child, 0);
+        if (child == 0) {
+            for (int k = 0; k < lines; ++k) writeFile(file, std::string(9000, static_cast<char>('a' + p)));
+            _exit(0);
+        }
+        children.push_back(child);
+    }
+    for (const pid_t child : children) {
+        int status = 0;
+        ASSERT_EQ(waitpid(child, &status, 0), child);
+        ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    }
+    std::ifstream in(file);
+    std::vector<int> perProcess(processes, 0);
+    for (std::string line; std::getline(in, line);) {
+        ASSERT_EQ(line.size(), 9000u);
+        ASSERT_EQ(line.find_first_not_of(line[0]), std::string::npos) << "a line was cut";
+        ++perProcess[static_cast<size_t>(line[0] - 'a')];
+    }
+    EXPECT_EQ(perProcess, std::vector<int>(processes, lines));
 }
 
 TEST(AnalyseReport, UnwritableReportStillReturnsTheLaunchTime) {

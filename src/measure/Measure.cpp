@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <sstream>
 #include <utility>
 
 #include <opencv2/core.hpp>
@@ -50,10 +51,11 @@ void validateRegionShape(const Region& region, const char* what) {
 }
 
 void validateOptions(const MeasureOptions& options) {
-    if (options.timing == Timing::FrameRate && !(std::isfinite(options.fps) && options.fps > 0.0)) {
-        throw MeasureError(VYRA_ERROR_INVALID_ARGUMENT,
-                           "the frame rate must be a number above 0 with frame-rate timing (got " +
-                               std::to_string(options.fps) + ")");
+    if (options.timing == Timing::FrameRate && !(options.fps >= kMinFps && options.fps <= kMaxFps)) {
+        std::ostringstream given;
+        given << options.fps;
+        throw MeasureError(VYRA_ERROR_INVALID_ARGUMENT, "the frame rate must be a number from 0.001 to 1000000 "
+                                                        "with frame-rate timing (got " + given.str() + ")");
     }
     if (options.timing != Timing::FrameRate && options.timing != Timing::Timestamps) {
         throw MeasureError(VYRA_ERROR_INVALID_ARGUMENT, "unknown timing");

@@ -135,7 +135,10 @@ TEST(Cli, VersionAndHelp) {
 TEST(Cli, UsageErrorsExitWithTwo) {
     TempDir dir;
     const std::string rec = writeLaunchFolder(dir).string();
+    const fs::path notUtf8 = dir / "launch\xff\xfe";  // a JSON document cannot carry this path
+    fs::copy(rec, notUtf8);
     const std::vector<std::vector<std::string>> cases = {
+        {"analyse", notUtf8.string(), "--json"},
         {},
         {"analyse"},
         {"measure", rec},
@@ -145,6 +148,11 @@ TEST(Cli, UsageErrorsExitWithTwo) {
         {"analyse", rec, "--launch-time", "soon"},
         {"analyse", rec, "--start", "x"},
         {"analyse", rec, "--bogus"},
+        {"analyse", rec, "--fps", ""},
+        {"analyse", rec, "--fps", "1e-308"},
+        {"analyse", rec, "--fps", "nan"},
+        {"analyse", rec, "--crop", "99999999999,0,10,10"},
+        {"analyse", rec, "--crop", "1,2,3,4,5"},
         {"sample", (dir / "s.mkv").string(), "--size", "100"},
     };
     for (const std::vector<std::string>& args : cases) {
@@ -178,6 +186,16 @@ TEST(Cli, BadInputsGiveTheirExitStatusAndOneMessage) {
 }
 
 // ---- output ----
+
+TEST(Cli, OutputThatCannotBeWrittenIsAFailure) {
+    TempDir dir;
+    const std::string rec = writeLaunchFolder(dir).string();
+    for (const char* format : {"--json", "--quiet"}) {
+        const ProcessResult run = runProcess({"sh", "-c", "\"$0\" analyse \"$1\" $2 > /dev/full", cliPath(), rec, format});
+        EXPECT_EQ(run.exitCode, 1) << format;
+        EXPECT_EQ(run.err, "vyra: error: cannot write standard output: No space left on device\n") << format;
+    }
+}
 
 TEST(Cli, HumanSummaryListsLaunchTimeAndKeyFrames) {
     TempDir dir;

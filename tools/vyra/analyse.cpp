@@ -1,8 +1,8 @@
 // vyra analyse RECORDING [options]: measures the launch time of a recording.
 #include <unistd.h>
 
-#include <iostream>
 #include <memory>
+#include <sstream>
 
 #include "command.h"
 #include "measure_args.h"
@@ -22,9 +22,24 @@ struct AnalyseArgs {
     bool quiet = false;
 };
 
+// True when @p text can be a JSON string: valid UTF-8.
+bool isJsonText(const std::string& text) {
+    try {
+        static_cast<void>(Json(text).dump());
+        return true;
+    } catch (const Json::type_error&) {
+        return false;
+    }
+}
+
 int runAnalyse(const AnalyseArgs& args) {
     MeasureOptions options = ToMeasureOptions(args.measure);
     options.saveFramesDir = args.saveFrames;
+    if (args.json && !isJsonText(args.recording)) {
+        PrintError("the recording's path is not valid UTF-8, which a JSON document cannot carry; rename it or "
+                   "leave out --json");
+        return kExitUsage;
+    }
     ProgressBar bar(!args.quiet && isatty(fileno(stderr)) != 0);
     options.progress = [&bar](MeasureStage stage, size_t done, size_t total) { bar.Update(stage, done, total); };
     MeasureResult result;
@@ -40,12 +55,17 @@ int runAnalyse(const AnalyseArgs& args) {
     output.recording = args.recording;
     output.noiseTolerance = args.measure.noiseTolerance;
     output.progressSeries = args.progress;
+    std::ostringstream text;
     if (args.json) {
-        WriteJson(std::cout, ResultJson(result, output));
+        WriteJson(text, ResultJson(result, output));
     } else {
-        WriteSummary(std::cout, result, output);
+        WriteSummary(text, result, output);
     }
-    std::cout.flush();
+    std::string error;
+    if (!WriteStandardOutput(text.str(), error)) {
+        PrintError("cannot write standard output: " + error);
+        return kExitFailure;
+    }
     return kExitOk;
 }
 

@@ -1,5 +1,9 @@
 #include "command.h"
 
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
 #include <iostream>
 
 namespace vyra::tool {
@@ -20,5 +24,20 @@ int ExitCodeFor(VyraStatus status) {
 }
 
 void PrintError(const std::string& message) { std::cerr << "vyra: error: " << message << std::endl; }
+
+bool WriteStandardOutput(const std::string& text, std::string& error) {
+    std::cout.flush();
+    size_t written = 0;
+    while (written < text.size()) {
+        const ssize_t n = ::write(STDOUT_FILENO, text.data() + written, text.size() - written);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) {
+            error = n < 0 ? std::strerror(errno) : "nothing was written";
+            return false;
+        }
+        written += static_cast<size_t>(n);
+    }
+    return true;
+}
 
 }  // namespace vyra::tool

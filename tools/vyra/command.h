@@ -24,6 +24,13 @@ int ExitCodeFor(VyraStatus status);
 void PrintError(const std::string& message);
 
 /**
+ * Writes @p text whole to standard output (file descriptor 1, unbuffered).
+ * On failure (a full disk, /dev/full, a closed descriptor) returns false and
+ * puts the system's reason in @p error.
+ */
+bool WriteStandardOutput(const std::string& text, std::string& error);
+
+/**
  * A subcommand, registered on the application: run() is called when the
  * command line named it and parsed; it returns the exit status. A
  * CLI::ParseError thrown by run() is a usage error like one of the parse.

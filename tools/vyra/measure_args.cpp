@@ -1,26 +1,40 @@
 #include "measure_args.h"
 
-#include <cstdio>
+#include <charconv>
+#include <system_error>
 
 namespace vyra::tool {
 
 namespace {
 
-// "x,y,w,h" with four integers.
+// "x,y,w,h": four integers, each within int's range.
 Region parseRegion(const std::string& text) {
-    Region region;
-    char tail = '\0';
-    if (std::sscanf(text.c_str(), "%d,%d,%d,%d%c", &region.x, &region.y, &region.width, &region.height, &tail) !=
-        4) {
+    int values[4] = {};
+    const char* next = text.c_str();
+    const char* const end = next + text.size();
+    for (int k = 0; k < 4; ++k) {
+        const std::from_chars_result read = std::from_chars(next, end, values[k]);
+        if (read.ec == std::errc::result_out_of_range) {
+            throw CLI::ValidationError("region '" + text + "'", "a number is out of range");
+        }
+        next = read.ptr;
+        const bool separated = k == 3 || (next != end && *next++ == ',');
+        if (read.ec != std::errc() || !separated) {
+            throw CLI::ValidationError("region '" + text + "'", "expected x,y,w,h (four integers)");
+        }
+    }
+    if (next != end) {
         throw CLI::ValidationError("region '" + text + "'", "expected x,y,w,h (four integers)");
     }
-    return region;
+    return Region{values[0], values[1], values[2], values[3]};
 }
 
 }  // namespace
 
 void AddMeasureOptions(CLI::App& cmd, MeasureArgs& args) {
-    CLI::Option* fps = cmd.add_option("--fps", args.fps, "Frames are evenly spaced at N per second");
+    CLI::Option* fps =
+        cmd.add_option("--fps", args.fps, "Frames are evenly spaced at N per second (0.001 to 1000000)")
+            ->check(CLI::Number);
     CLI::Option* stamps = cmd.add_flag(
         "--timestamps", args.timestamps,
         "Time frames by their video timestamps or by the millisecond numbers of their file names (default)");

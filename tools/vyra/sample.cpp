@@ -1,7 +1,6 @@
 // vyra sample OUT [options]: renders a synthetic app launch recording and
 // prints where each stage starts.
 #include <cstdio>
-#include <iostream>
 #include <memory>
 #include <stdexcept>
 #include <utility>
@@ -43,7 +42,11 @@ int runSample(SampleArgs& args) {
         PrintError(e.what());
         return kExitUsage;
     }
-    std::cout << sample::DescribeTruth(truth) << std::flush;
+    std::string error;
+    if (!WriteStandardOutput(sample::DescribeTruth(truth), error)) {
+        PrintError("cannot write standard output: " + error);
+        return kExitFailure;
+    }
     return kExitOk;
 }
 
