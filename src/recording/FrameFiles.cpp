@@ -11,6 +11,7 @@
 
 #include <opencv2/imgcodecs.hpp>
 
+#include "recording/OpenCvIo.h"
 #include "recording/RecordingError.h"
 
 namespace vyra {
@@ -109,7 +110,7 @@ cv::Mat ReadFrameFile(const std::string& path, Policy policy) {
     cv::Mat frame;
     if (!bytes.empty()) {
         if (policy == Policy::Historic) {
-            return cv::imdecode(bytes, cv::IMREAD_COLOR);
+            return DecodeWithOpenCv(bytes);
         }
         try {
             frame = cv::imdecode(bytes, cv::IMREAD_COLOR);

@@ -63,7 +63,8 @@ std::string DescribeRange(const FrameRange& range);
 
 /**
  * The frame stored in the file @p path: its bytes read whole and decoded with
- * cv::imdecode(IMREAD_COLOR) into 8-bit BGR. A file that cannot be opened or
+ * cv::imdecode(IMREAD_COLOR) into 8-bit BGR (Policy::Historic: OpenCV's
+ * own codecs, from recording/OpenCvIo.h). A file that cannot be opened or
  * read, is empty or does not decode throws RecordingError
  * (VYRA_ERROR_UNREADABLE) under Policy::Quiet, which also turns OpenCV's
  * exceptions into that error; under Policy::Historic it gives an empty

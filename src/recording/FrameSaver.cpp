@@ -6,6 +6,7 @@
 
 #include <opencv2/imgcodecs.hpp>
 
+#include "recording/OpenCvIo.h"
 #include "recording/RecordingError.h"
 
 namespace vyra {
@@ -55,7 +56,7 @@ void FrameSaver::Finish() {
 
 void FrameSaver::write(const std::string& file, const cv::Mat& frame) const {
     if (policy_ == Policy::Historic) {
-        cv::imwrite(file, frame);
+        WriteWithOpenCv(file, frame);
         return;
     }
     bool written = false;

@@ -9,6 +9,7 @@
 
 #include <opencv2/videoio.hpp>
 
+#include "recording/OpenCvIo.h"
 #include "recording/RecordingError.h"
 
 namespace vyra {
@@ -144,15 +145,10 @@ private:
     double last_ = 0.0;
 };
 
-// Quiet videos are read through OpenCV's FFmpeg back end only: it reads
-// every container and codec FFmpeg knows, reports presentation timestamps,
-// and fails quietly where other back ends (GStreamer) print their own
-// errors. Historic ones are opened with OpenCV's own choice of back end, and
-// a video that does not open simply has no frames.
-cv::VideoCapture openVideo(const std::string& path, Policy policy) {
-    if (policy == Policy::Historic) {
-        return cv::VideoCapture(path, cv::CAP_ANY);
-    }
+// Videos are read through OpenCV's FFmpeg back end only: it reads every
+// container and codec FFmpeg knows, reports presentation timestamps, and
+// fails quietly where other back ends (GStreamer) print their own errors.
+cv::VideoCapture openVideo(const std::string& path) {
     cv::VideoCapture capture;
     try {
         capture.open(path, cv::CAP_FFMPEG);
@@ -171,14 +167,12 @@ public:
     VideoSource(const std::string& path, const SourceOptions& options)
         : path_(path),
           range_(options.range),
-          policy_(options.policy),
-          capture_(openVideo(path, options.policy)),
+          capture_(openVideo(path)),
           timestamps_(options.timestamps),
           clock_(capture_.get(cv::CAP_PROP_FPS)),
           first_(RangeFirst(range_)),
-          stop_(RangeStop(range_, std::numeric_limits<size_t>::max())),
-          ended_(!capture_.isOpened()) {
-        if (stop_ <= first_ && policy_ == Policy::Quiet) {
+          stop_(RangeStop(range_, std::numeric_limits<size_t>::max())) {
+        if (stop_ <= first_) {
             throw RecordingError(VYRA_ERROR_EMPTY, "the range (" + DescribeRange(range_) + ") selects no frame");
         }
         const double count = capture_.get(cv::CAP_PROP_FRAME_COUNT);
@@ -223,9 +217,6 @@ private:
     // Decodes the next frame (only grabs it when @p pixels is null); false at
     // the end of the video.
     bool decode(cv::Mat* pixels, double& timeMs, bool& estimated) {
-        if (policy_ == Policy::Historic) {
-            return read(pixels, timeMs, estimated);
-        }
         try {
             return read(pixels, timeMs, estimated);
         } catch (const cv::Exception& e) {
@@ -254,7 +245,7 @@ private:
     }
 
     void checkNotEmpty() const {
-        if (position_ > first_ || policy_ == Policy::Historic) {
+        if (position_ > first_) {
             return;
         }
         if (position_ == 0) {
@@ -266,7 +257,6 @@ private:
 
     std::string path_;
     FrameRange range_;
-    Policy policy_;
     cv::VideoCapture capture_;
     bool timestamps_;
     VideoClock clock_;
@@ -274,7 +264,31 @@ private:
     size_t stop_;
     size_t position_ = 0;  // frames decoded so far
     size_t expected_ = 0;
-    bool ended_;
+    bool ended_ = false;
+};
+
+// A video as analyse() reads it: every frame, through OpenCV's own choice of
+// back end; a video that does not open has no frames, and a failure of
+// OpenCV passes through.
+class HistoricVideoSource : public FrameSource {
+public:
+    explicit HistoricVideoSource(const std::string& path) : capture_(path) {}
+
+    bool Next(SourceFrame& frame) override {
+        if (!capture_.IsOpened() || !capture_.Read(frame.pixels) || frame.pixels.empty()) {
+            return false;
+        }
+        frame.label = "frame " + std::to_string(count_++);
+        return true;
+    }
+
+    size_t ExpectedCount() const override { return 0; }
+
+    std::optional<double> FollowingTimeMs() override { return std::nullopt; }
+
+private:
+    OpenCvCapture capture_;
+    size_t count_ = 0;
 };
 
 }  // namespace
@@ -285,6 +299,9 @@ std::unique_ptr<FrameSource> OpenFolderSource(const std::string& dir, std::vecto
 }
 
 std::unique_ptr<FrameSource> OpenVideoSource(const std::string& path, const SourceOptions& options) {
+    if (options.policy == Policy::Historic) {
+        return std::make_unique<HistoricVideoSource>(path);
+    }
     return std::make_unique<VideoSource>(path, options);
 }
 
