@@ -70,6 +70,19 @@
  * Last visual change: the last k >= 1 whose frame differs from frame k-1;
  * -1 when none does.
  *
+ * Estimated level tolerance. With kVisualProgressLevelToleranceAuto the
+ * tolerance is read from the frames when the tracker finishes, from how much
+ * of each frame changed at every level. Lossy video re-encodes still parts of
+ * the picture, at key frames over all of it, and moves their block means by a
+ * few levels: a frame pair that changed over at least 1 % of the frame, and
+ * nowhere (beyond the area tolerance) by more than 32 levels, is taken for
+ * coding noise, and the tolerance is the smallest level at which every such
+ * pair counts as unchanged (0 when there is none). Real content arriving
+ * moves block means by far more than 32 levels somewhere (text, pictures,
+ * icons), so its pairs are not taken for noise. vyra::Measure skips the
+ * estimate for recordings stored losslessly (folders of PNG files, lossless
+ * video codecs) and uses 0: every change of their pixels is real.
+ *
  * Visually complete (100 %): the first k such that no frame m >= k differs
  * from the last frame (by the pixel change test above): from k on, the
  * screen shows the final picture, within the level tolerance. It is worked
@@ -166,7 +179,14 @@ namespace vyra {
 /** Default of VisualProgressOptions::blockSize. */
 constexpr int kVisualProgressBlockSize = 8;
 
-/** Default of VisualProgressOptions::levelTolerance. */
+/**
+ * VisualProgressOptions::levelTolerance that asks the tracker to estimate the
+ * tolerance from the frames themselves (see "Estimated level tolerance"); the
+ * default.
+ */
+constexpr int kVisualProgressLevelToleranceAuto = -1;
+
+/** A fixed level tolerance that suits video up to H.264 CRF 30 (see above). */
 constexpr int kVisualProgressLevelTolerance = 20;
 
 /** Default of VisualProgressOptions::areaTolerance. */
@@ -188,9 +208,11 @@ struct VYRA_API VisualProgressOptions {
 
     /**
      * Levels (0..255) by which a block's channel mean may differ between two
-     * frames and still count as unchanged. Clamped to 0..255.
+     * frames and still count as unchanged; values above 255 count as 255.
+     * kVisualProgressLevelToleranceAuto (any negative value): estimated from
+     * the frames when the tracker finishes.
      */
-    int levelTolerance = kVisualProgressLevelTolerance;
+    int levelTolerance = kVisualProgressLevelToleranceAuto;
 
     /**
      * Fraction of a frame's pixels, in changed blocks, up to which the frame
@@ -248,6 +270,8 @@ struct VYRA_API VisualProgress {
 
     /** The level tolerance the changes above were found with. */
     int levelTolerance = 0;
+    /** True when levelTolerance was estimated from the frames (asked for with kVisualProgressLevelToleranceAuto). */
+    bool levelToleranceEstimated = false;
 };
 
 /**

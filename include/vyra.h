@@ -42,6 +42,13 @@
 extern "C" {
 #endif
 
+/**
+ * VyraSettings.noise_tolerance that asks for the tolerance to be read from the
+ * recording: 0 for frame folders and lossless video, the coding noise of the
+ * frames for lossy video (see VyraVisualProgress.h). The default.
+ */
+#define VYRA_NOISE_TOLERANCE_AUTO (-1)
+
 /** Bumped when a field of VyraSettings or VyraResult changes meaning or place. */
 #define VYRA_ABI_VERSION 1u
 
@@ -120,9 +127,10 @@ typedef struct VyraSettings {
     VyraProgressCallback progress; /**< NULL: no progress reports. Default NULL */
     void* progress_user;          /**< handed to progress. Default NULL */
     /* ---- appended: visual progress ---- */
-    int32_t noise_tolerance;      /**< levels (0..255, clamped) by which an 8x8 block's mean colour
-                                       may move between frames without counting as a visual change
-                                       (vyra::VisualProgressOptions::levelTolerance). Default 20 */
+    int32_t noise_tolerance;      /**< levels (0..255, above 255 counts as 255) by which an 8x8 block's
+                                       mean colour may move between frames without counting as a visual
+                                       change (vyra::VisualProgressOptions::levelTolerance); negative:
+                                       VYRA_NOISE_TOLERANCE_AUTO. Default VYRA_NOISE_TOLERANCE_AUTO */
     double* progress_out;         /**< NULL, or a caller buffer of series_capacity doubles that
                                        receives the visual progress of frames 0 .. min(capacity,
                                        frame_count) - 1, each in [0, 1]. Default NULL */
@@ -179,6 +187,8 @@ typedef struct VyraResult {
     /* ---- appended: visually complete, the noise tolerance used ---- */
     VyraKeyFrame visually_complete; /**< first frame from which every frame looks like the last one
                                          (100 %; see VyraVisualProgress.h) */
+    int32_t noise_tolerance;      /**< the noise tolerance the visual progress used; -1 on error */
+    int32_t noise_tolerance_estimated; /**< 1 when it was read from the recording (auto), 0 when given */
 } VyraResult;
 
 /** The two tables of a summary that key frames belong to. */

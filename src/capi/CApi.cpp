@@ -37,6 +37,7 @@ VyraResult emptyResult() {
     VYRA_KEY_FRAME_TABLE(VYRA_NONE)
 #undef VYRA_NONE
     r.speed_index_ms = kNaN;
+    r.noise_tolerance = -1;
     r.loaded_psnr = -1.0;
     r.pre_loaded_psnr = -1.0;
     return r;
@@ -138,6 +139,8 @@ void fillResult(VyraResult& r, const vyra::MeasureResult& m) {
     r.first_non_blank_object_count = a.dynamicResult.firstNonBlankObjectCount;
     r.feature_matching_count = a.dynamicResult.featureMatchingResults.size();
     r.speed_index_ms = m.speedIndexMs;
+    r.noise_tolerance = m.visual.levelTolerance;
+    r.noise_tolerance_estimated = m.visual.levelToleranceEstimated ? 1 : 0;
 }
 
 // Copies as much of @p values as fits into the caller's buffer, if any.
@@ -222,7 +225,7 @@ void vyra_default_settings(VyraSettings* settings) {
     settings->save_frames_dir = nullptr;
     settings->progress = nullptr;
     settings->progress_user = nullptr;
-    settings->noise_tolerance = vyra::kVisualProgressLevelTolerance;
+    settings->noise_tolerance = VYRA_NOISE_TOLERANCE_AUTO;
     settings->progress_out = nullptr;
     settings->frame_times_out = nullptr;
     settings->series_capacity = 0;

@@ -134,14 +134,15 @@ private:
 // rethrown to the decoder.
 class FrameProcessor {
 public:
-    FrameProcessor(const MeasureOptions& options, Intake& intake)
+    FrameProcessor(const MeasureOptions& options, bool lossless, Intake& intake)
         : timing_(TimingOf(options)),
           intake_(intake),
           preparer_(options),
           saver_(options.saveFramesDir.empty()
                      ? nullptr
                      : std::make_unique<FrameSaver>(options.saveFramesDir, Policy::Quiet, false)),
-          tracker_(options.visualProgress),
+          tracker_(trackerOptions(options.visualProgress, lossless)),
+          estimated_(options.visualProgress.levelTolerance < 0),
           spare_(reserved(kQueuedFrames + 2)),
           thread_(&FrameProcessor::run, this) {}
 
@@ -194,6 +195,12 @@ private:
         return list;
     }
 
+    // A lossless recording has no coding noise: an estimated tolerance is 0.
+    static VisualProgressOptions trackerOptions(VisualProgressOptions options, bool lossless) {
+        if (lossless && options.levelTolerance < 0) options.levelTolerance = 0;
+        return options;
+    }
+
     void run() {
         std::unique_lock<std::mutex> lock(mutex_);
         while (!stopping_ && !failure_) {
@@ -221,6 +228,7 @@ private:
         if (!failure_ && ending_ && queue_.empty()) {
             try {
                 intake_.visual = tracker_.Finish();
+                intake_.visual.levelToleranceEstimated = estimated_;
             } catch (...) {
                 failure_ = std::current_exception();
             }
@@ -266,6 +274,7 @@ private:
     FramePreparer preparer_;
     const std::unique_ptr<FrameSaver> saver_;  // null: frames are not saved
     VisualProgressTracker tracker_;
+    const bool estimated_ = false;  // the tolerance is chosen here, not given
     std::vector<cv::Range> changedRows_;  // of the frame being processed
     cv::Mat lastFrame_;                   // pixels of the frame processed last
 
@@ -288,7 +297,7 @@ Intake ReadRecording(const std::string& path, const MeasureOptions& options) {
     const std::unique_ptr<FrameSource> source = OpenFrameSource(path, sourceOptions);
     Intake intake;
     {
-        FrameProcessor processor(options, intake);
+        FrameProcessor processor(options, source->Lossless(), intake);
         SourceFrame frame;
         UseLargeFrameMemory(frame.pixels);
         size_t count = 0;

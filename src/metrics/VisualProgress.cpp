@@ -15,6 +15,12 @@ namespace {
 constexpr int kBins = 256;
 constexpr int kChannels = 3;
 
+// Coding noise, as the level estimate looks for it: a frame pair whose
+// blocks moved over at least kNoiseSpread of the frame, none of them
+// (beyond the area tolerance) by more than kNoiseCeiling levels.
+constexpr double kNoiseSpread = 0.01;
+constexpr int kNoiseCeiling = 32;
+
 using Histogram = std::array<std::uint32_t, kChannels * kBins>;  // B, G, R
 
 // How two frames differ, for every level tolerance at once:
@@ -45,7 +51,8 @@ struct BlockSums {
 
 VisualProgressOptions ClampOptions(VisualProgressOptions options) {
     options.blockSize = std::clamp(options.blockSize, 1, 256);
-    options.levelTolerance = std::clamp(options.levelTolerance, 0, 255);
+    options.levelTolerance = options.levelTolerance < 0 ? kVisualProgressLevelToleranceAuto
+                                                        : std::min(options.levelTolerance, 255);
     if (std::isnan(options.areaTolerance)) {
         options.areaTolerance = kVisualProgressAreaTolerance;
     }
@@ -271,6 +278,35 @@ double Fraction(std::uint64_t part, std::uint64_t whole) {
     return static_cast<double>(part) / static_cast<double>(whole);
 }
 
+// The smallest level tolerance at which @p levels are no change: at most
+// areaTolerance of the frame's @p pixels lies in blocks that move by more.
+int SettlingLevel(const ChangeLevels& levels, std::uint64_t pixels, double areaTolerance) {
+    if (levels.sizeDiffers) return kBins - 1;
+    std::uint64_t above = 0;  // pixels of the blocks at levels >= l
+    for (int l = kBins - 1; l >= 0; --l) {
+        above += levels.pixelsAbove[static_cast<size_t>(l)];
+        if (Fraction(above, pixels) > areaTolerance) return l + 1;
+    }
+    return 0;
+}
+
+// The coding noise a recording's frames show (see "Estimated level
+// tolerance" in the header): the largest settling level of the frame pairs
+// that changed a little over much of the frame and nowhere a lot.
+int EstimateLevelTolerance(const std::vector<FrameRecord>& frames, double areaTolerance) {
+    int tolerance = 0;
+    for (size_t k = 1; k < frames.size(); ++k) {
+        const ChangeLevels& levels = frames[k].sincePrevious;
+        const std::uint64_t pixels = frames[k].pixels;
+        if (levels.sizeDiffers || Fraction(ChangedPixels(levels, 0, pixels), pixels) < kNoiseSpread ||
+            Fraction(ChangedPixels(levels, kNoiseCeiling, pixels), pixels) > areaTolerance) {
+            continue;
+        }
+        tolerance = std::max(tolerance, SettlingLevel(levels, pixels, areaTolerance));
+    }
+    return tolerance;
+}
+
 double TimeOf(const std::vector<double>& timesMs, int index) {
     return index >= 0 ? timesMs[index] : std::numeric_limits<double>::quiet_NaN();
 }
@@ -409,7 +445,9 @@ VisualProgress VisualProgressTracker::Finish() const {
     const std::vector<FrameRecord>& frames = s.frames;
     const int slop = s.options.histogramSlop;
     VisualProgress result;
-    result.levelTolerance = s.options.levelTolerance;
+    result.levelToleranceEstimated = s.options.levelTolerance == kVisualProgressLevelToleranceAuto;
+    result.levelTolerance = result.levelToleranceEstimated ? EstimateLevelTolerance(frames, s.options.areaTolerance)
+                                                           : s.options.levelTolerance;
     if (frames.empty()) {
         return result;
     }

@@ -58,6 +58,8 @@ public:
 
     size_t ExpectedCount() const override { return expected_; }
 
+    bool Lossless() const override { return true; }
+
     std::optional<double> FollowingTimeMs() override {
         if (!timestamps_ || stop_ >= names_.size()) {
             return std::nullopt;
@@ -201,6 +203,15 @@ public:
 
     size_t ExpectedCount() const override { return expected_; }
 
+    // OpenCV names the codec only by a four-character code.
+    bool Lossless() const override {
+        const int code = static_cast<int>(capture_.get(cv::CAP_PROP_FOURCC));
+        for (const char* lossless : {"FFV1", "png ", "MPNG", "HFYU", "FFVH", "UTVD"}) {
+            if (code == cv::VideoWriter::fourcc(lossless[0], lossless[1], lossless[2], lossless[3])) return true;
+        }
+        return false;
+    }
+
     std::optional<double> FollowingTimeMs() override {
         if (!timestamps_ || ended_) {
             return std::nullopt;
@@ -283,6 +294,8 @@ public:
     }
 
     size_t ExpectedCount() const override { return 0; }
+
+    bool Lossless() const override { return false; }
 
     std::optional<double> FollowingTimeMs() override { return std::nullopt; }
 

@@ -55,6 +55,11 @@ public:
     // After Next() returned false, with timestamp timing: the raw time of the
     // recording's frame that follows the range, when there is one with a time.
     virtual std::optional<double> FollowingTimeMs() = 0;
+
+    // True when the recording stores its frames losslessly (PNG files, a
+    // lossless video codec), so that two decoded frames differ only where
+    // the recorded picture did.
+    virtual bool Lossless() const = 0;
 };
 
 // Opens @p path by what it is: a folder of frame files (listed, sorted),

@@ -76,7 +76,7 @@ TEST(CApi, DefaultSettingsAreTheDocumentedOnes) {
     EXPECT_EQ(s.save_frames_dir, nullptr);
     EXPECT_EQ(s.progress, nullptr);
     EXPECT_EQ(s.progress_user, nullptr);
-    EXPECT_EQ(s.noise_tolerance, 20);
+    EXPECT_EQ(s.noise_tolerance, VYRA_NOISE_TOLERANCE_AUTO);
     EXPECT_EQ(s.progress_out, nullptr);
     EXPECT_EQ(s.frame_times_out, nullptr);
     EXPECT_EQ(s.series_capacity, 0u);
@@ -177,16 +177,22 @@ TEST(CApi, NoiseToleranceIsReadOnlyWhenTheCallerKnowsIt) {
     const fs::path rec = dir / "rec";
     VyraSettings s;
     vyra_default_settings(&s);
-    s.noise_tolerance = 0;
+    s.noise_tolerance = 20;
     VyraResult r = freshResult();
     ASSERT_EQ(vyra_measure(rec.c_str(), &s, &r, nullptr, 0), VYRA_OK);
-    EXPECT_EQ(r.last_visual_change.index, 4);  // every frame's noise counts
+    EXPECT_EQ(r.last_visual_change.index, 1);
+    EXPECT_DOUBLE_EQ(r.last_visual_change.time, 0.1);
+    EXPECT_EQ(r.noise_tolerance, 20);
+    EXPECT_EQ(r.noise_tolerance_estimated, 0);
 
-    s.struct_size = offsetof(VyraSettings, noise_tolerance);  // a caller from before the field
+    // A caller from before the field gets the default: read from the
+    // recording, 0 for a folder of PNG files, so every frame's noise counts.
+    s.struct_size = offsetof(VyraSettings, noise_tolerance);
     r = freshResult();
     ASSERT_EQ(vyra_measure(rec.c_str(), &s, &r, nullptr, 0), VYRA_OK);
-    EXPECT_EQ(r.last_visual_change.index, 1);  // the default 20 levels
-    EXPECT_DOUBLE_EQ(r.last_visual_change.time, 0.1);
+    EXPECT_EQ(r.last_visual_change.index, 4);
+    EXPECT_EQ(r.noise_tolerance, 0);
+    EXPECT_EQ(r.noise_tolerance_estimated, 1);
 }
 
 TEST(CApi, SettingsReachTheMeasurement) {

@@ -461,7 +461,7 @@ TEST(VisualProgress, OptionsAreClamped) {
     wild.histogramSlop = 300;
     VisualProgressTracker tracker(wild);
     EXPECT_EQ(tracker.Options().blockSize, 1);
-    EXPECT_EQ(tracker.Options().levelTolerance, 0);
+    EXPECT_EQ(tracker.Options().levelTolerance, vyra::kVisualProgressLevelToleranceAuto);
     EXPECT_EQ(tracker.Options().areaTolerance, vyra::kVisualProgressAreaTolerance);
     EXPECT_EQ(tracker.Options().histogramSlop, 255);
 

@@ -263,8 +263,16 @@ void writeNumberedFolder(const path& dir, const std::vector<cv::Mat>& frames) {
     vyra_test::writePngFolder(dir, names, frames);
 }
 
-vyra::MeasureOptions atFrameRate(double fps) {
+// The options the Measure pins were recorded with: the noise tolerance was
+// 20 levels by default then.
+vyra::MeasureOptions pinnedOptions() {
     vyra::MeasureOptions options;
+    options.visualProgress.levelTolerance = vyra::kVisualProgressLevelTolerance;
+    return options;
+}
+
+vyra::MeasureOptions atFrameRate(double fps) {
+    vyra::MeasureOptions options = pinnedOptions();
     options.timing = vyra::Timing::FrameRate;
     options.fps = fps;
     return options;
@@ -273,7 +281,7 @@ vyra::MeasureOptions atFrameRate(double fps) {
 TEST(RegressionPins, MeasureVideoWithSavedFrames) {
     vyra_test::TempDir work;
     vyra::sample::WriteSampleVideo((work / "launch.mp4").string(), smallSample(8));
-    vyra::MeasureOptions options;
+    vyra::MeasureOptions options = pinnedOptions();
     options.saveFramesDir = (work / "saved").string();
     const std::string text = describe(vyra::Measure((work / "launch.mp4").string(), options));
     expectPinned("measure_video", text + describeFiles(work / "saved"));
@@ -284,7 +292,7 @@ TEST(RegressionPins, MeasureTimestampFolderRangeAndNextFrame) {
     vyra::sample::SampleOptions sample = smallSample(9);
     sample.timeJitter = 0.3;
     vyra::sample::WriteSampleFrames((work / "in").string(), sample);
-    vyra::MeasureOptions options;
+    vyra::MeasureOptions options = pinnedOptions();
     options.start = 2;
     options.end = 27;
     options.launchTimeMode = vyra::LaunchTimeMode::NextFrame;

@@ -220,7 +220,7 @@ TEST(Cli, HumanSummaryListsLaunchTimeAndKeyFrames) {
               "complete 95           4      0.250\n"
               "complete 99           4      0.250\n"
               "complete 100          4      0.250\n"
-              "speed index: 250.0 ms, noise tolerance: 20\n");  // 250 ms at progress 0
+              "speed index: 250.0 ms, noise tolerance: 0 (auto)\n");  // 250 ms at progress 0
 
     const ProcessResult next = runVyra({"analyse", rec, "--fps", "20", "--launch-time", "next-frame", "--start", "1",
                                         "--noise-tolerance", "7", "--progress"});
@@ -299,12 +299,13 @@ TEST(Cli, JsonCarriesEveryFieldOfTheResult) {
     EXPECT_TRUE(a["dynamic"]["feature_matching_results"].empty());
     const Json& v = j["visual_progress"];
     for (const char* key : {"first_visual_change", "last_visual_change", "visually_complete_85",
-                            "visually_complete_95", "visually_complete_99"}) {
+                            "visually_complete_95", "visually_complete_99", "visually_complete"}) {
         EXPECT_EQ(v[key]["index"], 4) << key;  // white up to frame 3, the final page from frame 4
         EXPECT_DOUBLE_EQ(v[key]["time"].get<double>(), 0.25) << key;
     }
     EXPECT_DOUBLE_EQ(v["speed_index_ms"].get<double>(), 250.0);
-    EXPECT_EQ(v["noise_tolerance"], 20);
+    EXPECT_EQ(v["noise_tolerance"], 0);  // a folder of PNG files has no coding noise
+    EXPECT_EQ(v["noise_tolerance_estimated"], true);
     EXPECT_FALSE(v.contains("progress"));
     const Json p = analyseJson({rec, "--end", "8", "--progress"})["visual_progress"]["progress"];
     ASSERT_EQ(p.size(), 9u);
@@ -386,11 +387,14 @@ TEST(CliVisual, NoiseToleranceDecidesWhetherNoiseIsAChange) {
         times.push_back(100 * k);
     }
     const std::string rec = writePageFolder(dir, times, frames);
-    EXPECT_EQ(analyseJson({rec})["visual_progress"]["last_visual_change"]["index"], 1);
+    const Json tolerant = analyseJson({rec, "--noise-tolerance", "20"})["visual_progress"];
+    EXPECT_EQ(tolerant["last_visual_change"]["index"], 1);
+    EXPECT_EQ(tolerant["noise_tolerance"], 20);
+    EXPECT_EQ(tolerant["noise_tolerance_estimated"], false);
     const Json strict = analyseJson({rec, "--noise-tolerance", "0"})["visual_progress"];
     EXPECT_EQ(strict["last_visual_change"]["index"], 5);
     EXPECT_EQ(strict["noise_tolerance"], 0);
-    for (const char* bad : {"-1", "256", "x"}) {
+    for (const char* bad : {"-1", "256", "x", "Auto"}) {
         const ProcessResult run = runVyra({"analyse", rec, "--noise-tolerance", bad});
         EXPECT_EQ(run.exitCode, 2) << bad;
         EXPECT_EQ(run.out, "") << bad;

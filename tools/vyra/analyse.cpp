@@ -53,7 +53,6 @@ int runAnalyse(const AnalyseArgs& args) {
     bar.Clear();
     OutputOptions output;
     output.recording = args.recording;
-    output.noiseTolerance = args.measure.noiseTolerance;
     output.progressSeries = args.progress;
     std::ostringstream text;
     if (args.json) {

@@ -54,8 +54,9 @@ void AddMeasureOptions(CLI::App& cmd, MeasureArgs& args) {
         ->check(CLI::IsMember({"frame", "next-frame"}));
     cmd.add_option("--noise-tolerance", args.noiseTolerance,
                    "Levels (0-255) by which an 8x8 block's mean colour may move between frames "
-                   "without counting as a visual change")
-        ->check(CLI::Range(0, 255))
+                   "without counting as a visual change; auto: 0 for frame folders and lossless video, "
+                   "the coding noise of lossy video")
+        ->check(CLI::IsMember({"auto"}) | CLI::Range(0, 255))
         ->capture_default_str();
 }
 
@@ -77,7 +78,8 @@ MeasureOptions ToMeasureOptions(const MeasureArgs& args) {
     options.stableBaseline = args.stableBaseline;
     options.launchTimeMode =
         args.launchTime == "next-frame" ? LaunchTimeMode::NextFrame : LaunchTimeMode::LoadFinishedFrame;
-    options.visualProgress.levelTolerance = args.noiseTolerance;
+    options.visualProgress.levelTolerance =
+        args.noiseTolerance == "auto" ? kVisualProgressLevelToleranceAuto : std::stoi(args.noiseTolerance);
     return options;
 }
 

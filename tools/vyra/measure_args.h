@@ -24,7 +24,7 @@ struct MeasureArgs {
     bool dynamic = false;
     bool stableBaseline = false;
     std::string launchTime = "frame";
-    int noiseTolerance = kVisualProgressLevelTolerance;
+    std::string noiseTolerance = "auto";  ///< "auto" or 0..255
 };
 
 /** Adds the options to @p command, storing into @p args (which must outlive the parse). */

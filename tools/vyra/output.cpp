@@ -57,8 +57,8 @@ void writeKeyFrameTable(std::ostream& out, const char* title, KeyFrameGroup grou
 
 void writeVisualProgress(std::ostream& out, const MeasureResult& r, const OutputOptions& options) {
     writeKeyFrameTable(out, "visual progress", KeyFrameGroup::VisualProgress, r);
-    out << format("speed index: %s, noise tolerance: %d\n", milliseconds(r.speedIndexMs).c_str(),
-                  options.noiseTolerance);
+    out << format("speed index: %s, noise tolerance: %d%s\n", milliseconds(r.speedIndexMs).c_str(),
+                  r.visual.levelTolerance, r.visual.levelToleranceEstimated ? " (auto)" : "");
     if (!options.progressSeries) {
         return;
     }
@@ -110,7 +110,8 @@ Json keyFramesJson(KeyFrameGroup group, const MeasureResult& r) {
 Json visualJson(const MeasureResult& r, const OutputOptions& options) {
     Json visual = keyFramesJson(KeyFrameGroup::VisualProgress, r);
     visual["speed_index_ms"] = number(r.speedIndexMs);
-    visual["noise_tolerance"] = options.noiseTolerance;
+    visual["noise_tolerance"] = r.visual.levelTolerance;
+    visual["noise_tolerance_estimated"] = r.visual.levelToleranceEstimated;
     if (options.progressSeries) {
         Json series = Json::array();
         for (size_t k = 0; k < r.visual.progress.size(); ++k) {

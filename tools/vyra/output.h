@@ -21,7 +21,6 @@ constexpr int kJsonSchemaVersion = 1;
 /** What the output shows beyond the result itself. */
 struct OutputOptions {
     std::string recording;       ///< the recording's path as the user gave it
-    int noiseTolerance = 0;      ///< the noise tolerance the visual progress used
     bool progressSeries = false; ///< also list every frame's visual progress (--progress)
 };
 

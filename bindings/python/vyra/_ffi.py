@@ -76,6 +76,8 @@ class Result(ctypes.Structure):
         ("visually_complete_99", KeyFrame),
         ("speed_index_ms", ctypes.c_double),
         ("visually_complete", KeyFrame),
+        ("noise_tolerance", ctypes.c_int32),
+        ("noise_tolerance_estimated", ctypes.c_int32),
     ]
 
 

@@ -62,6 +62,8 @@ int main(void) {
     FIELD(VyraResult, visually_complete_99);
     FIELD(VyraResult, speed_index_ms);
     FIELD(VyraResult, visually_complete);
+    FIELD(VyraResult, noise_tolerance);
+    FIELD(VyraResult, noise_tolerance_estimated);
 
     printf("VyraRegion sizeof %zu\n", sizeof(VyraRegion));
     printf("VyraKeyFrame sizeof %zu\n", sizeof(VyraKeyFrame));
