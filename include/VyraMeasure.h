@@ -88,10 +88,17 @@
  * eight decoded frames are in flight. The frames are kept for the analysis
  * in bands of 16 rows, a band equal to the same band of the previous frame
  * being shared, not copied: a recording costs about the bytes of the rows
- * that changed from frame to frame (a still page, one frame; a recording in
- * which every pixel changes every frame, every frame at full size). The
- * analysis loads the frames it compares from there one at a time and gives
- * them back as it moves on. Objects are detected only for the frames the
+ * that changed from frame to frame (a still page, one frame). Up to
+ * MeasureOptions::frameMemoryLimit bytes of bands are kept; the frames after
+ * the one that would go beyond it (a recording in which much of the picture
+ * changes on every frame: animations, scrolling, video content) are not kept,
+ * except the last, and the analysis reads those it needs again from the
+ * recording, in order, as it gets to them (a video decodes again from its
+ * start up to the frame, at most once per search of the analysis). So memory
+ * stays bounded whatever the recording shows; what a recording beyond the
+ * limit costs is a second decoding of the frames the analysis looks at. The
+ * analysis loads the frames it compares one at a time and gives them back as
+ * it moves on. Objects are detected only for the frames the
  * analysis asks about, once per run of equal frames, on the calling thread
  * and one more thread working a few frames ahead of the analysis. All
  * threads are joined before Measure returns or throws, and
@@ -124,6 +131,9 @@ enum class LaunchTimeMode { LoadFinishedFrame, NextFrame };
 /** The frame rates Timing::FrameRate accepts: one frame per 1000 s up to a million per second. */
 constexpr double kMinFps = 1e-3;
 constexpr double kMaxFps = 1e6;
+
+/** Default of MeasureOptions::frameMemoryLimit: 128 MiB. */
+constexpr size_t kDefaultFrameMemoryLimit = size_t(128) << 20;
 
 /** Stage reported to MeasureOptions::progress. */
 enum class MeasureStage { Decoding, Analysing };
@@ -160,6 +170,10 @@ struct VYRA_API MeasureOptions {
     /** Tolerances of the visual progress measures; levelTolerance is the
      *  "noise tolerance" of the vyra tool (see VyraVisualProgress.h). */
     VisualProgressOptions visualProgress;
+    /** Bytes of decoded frames kept for the analysis; frames beyond it are
+     *  read again from the recording when the analysis needs them (see the
+     *  file comment). */
+    size_t frameMemoryLimit = kDefaultFrameMemoryLimit;
 };
 
 /** A key frame: index in the range (-1 = not found), seconds from the range start (NaN if not found). */

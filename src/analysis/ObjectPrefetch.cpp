@@ -33,6 +33,14 @@ bool samePixels(const cv::Mat& a, const cv::Mat& b) {
     return true;
 }
 
+// The frame that @p bands make, as one matrix (the band itself when there is one).
+cv::Mat stacked(const std::vector<cv::Mat>& bands) {
+    if (bands.size() == 1) return bands.front();
+    cv::Mat frame;
+    if (!bands.empty()) cv::vconcat(bands, frame);
+    return frame;
+}
+
 // Pixels of the frame that @p bands make.
 size_t pixelCount(const std::vector<cv::Mat>& bands) {
     size_t count = 0;
@@ -120,7 +128,8 @@ void ObjectPrefetch::work(int index, std::unique_lock<std::mutex>& lock, Detecti
     try {
         if (fromSource) {
             const std::shared_ptr<const std::vector<cv::Mat>> bands = source_->Bands(index);
-            auto detected = std::make_shared<std::vector<Rect>>(workspace.DetectBands(*bands));
+            auto detected = std::make_shared<std::vector<Rect>>(
+                source_->BandsLast(index) ? workspace.DetectBands(*bands) : workspace.Detect(stacked(*bands)));
             ratio = ImageCacheAccess::RatioOf(Rect::CalculateTotalArea(*detected), pixelCount(*bands));
             objects = std::move(detected);
         } else if (previousEligible && samePixels(previous, pixels)) {

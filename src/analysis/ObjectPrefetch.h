@@ -42,11 +42,18 @@ public:
 
     /**
      * The pixels of covered image @p index as row bands of one width and
-     * type, top to bottom (see DetectionWorkspace::DetectBands): bands at
-     * the same place of two images with the same data pointer hold the same
-     * bytes, and band memory is never rewritten while the source lives.
+     * type, top to bottom (see DetectionWorkspace::DetectBands).
      */
     virtual std::shared_ptr<const std::vector<cv::Mat>> Bands(int index) const = 0;
+
+    /**
+     * True when the bands of image @p index are memory that lasts as long
+     * as the source and is never rewritten, so that bands at the same place
+     * of two images with the same data pointer hold the same bytes (the
+     * detection then keeps the work of unchanged bands); false when they are
+     * made for the call.
+     */
+    virtual bool BandsLast(int index) const = 0;
 };
 
 /**

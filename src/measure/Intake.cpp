@@ -9,8 +9,7 @@
 #include <thread>
 #include <utility>
 
-#include <opencv2/imgproc.hpp>
-
+#include "measure/FramePreparer.h"
 #include "recording/FrameSaver.h"
 #include "recording/FrameSource.h"
 #include "store/LargeFrameAllocator.h"
@@ -25,11 +24,6 @@ FrameTiming TimingOf(const MeasureOptions& options) {
     return timing;
 }
 
-std::string DescribeRegion(const Region& region) {
-    return std::to_string(region.x) + "," + std::to_string(region.y) + "," +
-           std::to_string(region.width) + "," + std::to_string(region.height);
-}
-
 void ReportProgress(const MeasureOptions& options, MeasureStage stage, size_t done, size_t total) {
     if (options.progress) {
         options.progress(stage, done, total);
@@ -41,92 +35,6 @@ namespace {
 // Decoded frames waiting for the processing thread; the decoder stays at
 // most this far ahead.
 const size_t kQueuedFrames = 6;
-
-cv::Rect toRect(const Region& region) { return cv::Rect(region.x, region.y, region.width, region.height); }
-
-// Per-channel median of the pixels of @p frame inside @p area that are not
-// inside @p hole.
-cv::Scalar medianColour(const cv::Mat& frame, const cv::Rect& area, const cv::Rect& hole) {
-    const int channels = frame.channels();
-    std::vector<std::vector<unsigned char>> values(static_cast<size_t>(channels));
-    for (int y = area.y; y < area.y + area.height; ++y) {
-        const unsigned char* row = frame.ptr<unsigned char>(y);
-        for (int x = area.x; x < area.x + area.width; ++x) {
-            if (hole.contains(cv::Point(x, y))) {
-                continue;
-            }
-            for (int c = 0; c < channels; ++c) {
-                values[static_cast<size_t>(c)].push_back(row[x * channels + c]);
-            }
-        }
-    }
-    cv::Scalar colour;
-    for (int c = 0; c < channels && c < 4; ++c) {
-        std::vector<unsigned char>& v = values[static_cast<size_t>(c)];
-        if (v.empty()) {
-            continue;
-        }
-        std::nth_element(v.begin(), v.begin() + static_cast<long>(v.size() / 2), v.end());
-        colour[c] = v[v.size() / 2];
-    }
-    return colour;
-}
-
-// The flat colour an ignore region is painted in: the median of the ring of
-// pixels just outside it, or of its own outermost pixels when it covers the
-// whole frame.
-cv::Scalar ignoreColour(const cv::Mat& frame, const cv::Rect& region) {
-    const cv::Rect bounds(0, 0, frame.cols, frame.rows);
-    const cv::Rect ring = cv::Rect(region.x - 1, region.y - 1, region.width + 2, region.height + 2) & bounds;
-    if (ring.area() > region.area()) {
-        return medianColour(frame, ring, region);
-    }
-    const cv::Rect inner(region.x + 1, region.y + 1, std::max(region.width - 2, 0),
-                         std::max(region.height - 2, 0));
-    return medianColour(frame, region, inner);
-}
-
-// Paints the ignore regions and cuts the crop out of every frame; the paint
-// colours are taken from the first frame it sees.
-class FramePreparer {
-public:
-    explicit FramePreparer(const MeasureOptions& options) : options_(options) {}
-
-    // The frame to analyse; paints @p decoded in place, and shares its pixels
-    // when there is no crop.
-    cv::Mat Prepare(cv::Mat& decoded, const std::string& label) {
-        for (const Region& region : options_.ignore) {
-            checkInside(region, decoded, label, "ignore");
-        }
-        if (options_.crop) {
-            checkInside(*options_.crop, decoded, label, "crop");
-        }
-        if (colours_.empty()) {
-            for (const Region& region : options_.ignore) {
-                colours_.push_back(ignoreColour(decoded, toRect(region)));
-            }
-        }
-        for (size_t k = 0; k < options_.ignore.size(); ++k) {
-            cv::rectangle(decoded, toRect(options_.ignore[k]), colours_[k], cv::FILLED);
-        }
-        return options_.crop ? decoded(toRect(*options_.crop)) : decoded;
-    }
-
-private:
-    static void checkInside(const Region& region, const cv::Mat& frame, const std::string& label,
-                            const char* what) {
-        const cv::Rect rect = toRect(region);
-        if ((rect & cv::Rect(0, 0, frame.cols, frame.rows)) != rect) {
-            throw MeasureError(VYRA_ERROR_INVALID_ARGUMENT,
-                               std::string(what) + " region " + DescribeRegion(region) +
-                                   " does not lie inside " + label + " (" +
-                                   std::to_string(frame.cols) + "x" + std::to_string(frame.rows) + ")");
-        }
-    }
-
-    const MeasureOptions& options_;
-    std::vector<cv::Scalar> colours_;
-};
 
 // The second thread of the intake. Frames arrive in order through a short
 // queue; each is prepared, saved, timed, tracked and stored, and its decode
@@ -227,6 +135,8 @@ private:
         }
         if (!failure_ && ending_ && queue_.empty()) {
             try {
+                intake_.store.KeepLast();
+                intake_.ignoreColours = preparer_.Colours();
                 intake_.visual = tracker_.Finish();
                 intake_.visual.levelToleranceEstimated = estimated_;
             } catch (...) {
@@ -296,6 +206,7 @@ Intake ReadRecording(const std::string& path, const MeasureOptions& options) {
     sourceOptions.timestamps = options.timing == Timing::Timestamps;
     const std::unique_ptr<FrameSource> source = OpenFrameSource(path, sourceOptions);
     Intake intake;
+    intake.store = FrameStore(options.frameMemoryLimit);
     {
         FrameProcessor processor(options, source->Lossless(), intake);
         SourceFrame frame;

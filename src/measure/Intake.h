@@ -22,7 +22,8 @@ namespace detail {
 
 /** The frames of the range, prepared for the analysis, and what was learnt reading them. */
 struct Intake {
-    FrameStore store;
+    FrameStore store;                       // every frame; the last one always resident
+    std::vector<cv::Scalar> ignoreColours;  // the colours the ignore regions were painted in
     std::vector<double> rawTimesMs;
     std::optional<double> followingTimeMs;
     size_t estimatedTimeCount = 0;
@@ -31,9 +32,6 @@ struct Intake {
 
 /** The timing of @p options' frames. */
 FrameTiming TimingOf(const MeasureOptions& options);
-
-/** "x,y,w,h" of a region, as messages quote it. */
-std::string DescribeRegion(const Region& region);
 
 /** Calls options.progress(stage, done, total) when a callback is set. */
 void ReportProgress(const MeasureOptions& options, MeasureStage stage, size_t done, size_t total);

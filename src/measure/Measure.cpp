@@ -12,6 +12,8 @@
 #include "measure/LoadWindow.h"
 #include "recording/FrameTimes.h"
 #include "recording/RecordingError.h"
+#include "measure/FramePreparer.h"
+#include "measure/FrameReloader.h"
 #include "measure/Intake.h"
 #include "measure/KeyFrames.h"
 #include "VyraAnalyzer.h"
@@ -76,22 +78,26 @@ void validateOptions(const MeasureOptions& options) {
     }
 }
 
-// Image @p index of the analysis: pixels loaded from the store on demand.
-Image storedImage(const detail::Intake& intake, size_t index, detail::LoadWindow& window) {
+// Image @p index of the analysis: pixels loaded on demand from the store, or
+// read again from the recording when the store did not keep them.
+Image storedImage(const detail::Intake& intake, size_t index, detail::LoadWindow& window,
+                  detail::FrameReloader& reloader) {
     const cv::Size size = intake.store.FrameSize(index);
-    auto loader = [&intake, &window, index]() {
+    auto loader = [&intake, &window, &reloader, index]() {
         window.BeforeLoad(static_cast<int>(index));
-        return intake.store.Load(index);
+        return intake.store.Resident(index) ? intake.store.Load(index) : reloader.Load(index);
     };
     std::vector<Rect> none;
     return Image(loader, none, size.width, size.height, -1.0, static_cast<int>(index));
 }
 
-// The stored frames, read for the object detection without loading the
-// images: those whose Image loads them as they are stored.
+// The frames of the recording, read for the object detection without
+// loading the images: from the store, or read again when the store did not
+// keep them; only those whose Image loads them as they are.
 class StoredPixels : public detail::PixelSource {
 public:
-    explicit StoredPixels(const detail::FrameStore& store) : store_(store) {}
+    StoredPixels(const detail::FrameStore& store, detail::FrameReloader& reloader)
+        : store_(store), reloader_(reloader) {}
 
     bool Covers(int index, cv::Size imageSize) const override {
         return store_.FrameSize(static_cast<size_t>(index)) == imageSize;
@@ -100,22 +106,28 @@ public:
     bool SameAsPrevious(int index) const override { return store_.SameAsPrevious(static_cast<size_t>(index)); }
 
     std::shared_ptr<const std::vector<cv::Mat>> Bands(int index) const override {
-        return store_.Bands(static_cast<size_t>(index));
+        const size_t k = static_cast<size_t>(index);
+        if (store_.Resident(k)) return store_.Bands(k);
+        return std::make_shared<const std::vector<cv::Mat>>(1, reloader_.Load(k));
     }
+
+    bool BandsLast(int index) const override { return store_.Resident(static_cast<size_t>(index)); }
 
 private:
     const detail::FrameStore& store_;
+    detail::FrameReloader& reloader_;
 };
 
-AnalysisResult analyse(const detail::Intake& intake, const MeasureOptions& options) {
+AnalysisResult analyse(const std::string& path, const detail::Intake& intake, const MeasureOptions& options) {
     detail::ReportProgress(options, MeasureStage::Analysing, 0, 1);
     AnalysisResult analysis;
     {
         detail::LoadWindow window;
+        detail::FrameReloader reloader(path, options, intake.ignoreColours);
         std::vector<Image> images;
         images.reserve(intake.store.Size());
         for (size_t k = 0; k < intake.store.Size(); ++k) {
-            images.push_back(storedImage(intake, k, window));
+            images.push_back(storedImage(intake, k, window, reloader));
         }
         ImageSets sets(images);
         images.clear();
@@ -130,7 +142,7 @@ AnalysisResult analyse(const detail::Intake& intake, const MeasureOptions& optio
                                 detail::kSimilarOverlapRatio, detail::kContentRatioThreshold,
                                 detail::kObjectCountThreshold);
         try {
-            const StoredPixels stored(intake.store);
+            const StoredPixels stored(intake.store, reloader);
             context.pixels = &stored;
             analysis = detail::Analyze(analyzer, sets, options.pageType, options.stableBaseline, context);
         } catch (const cv::Exception& e) {
@@ -187,23 +199,22 @@ MeasureResult buildResult(AnalysisResult analysis, const detail::Intake& intake,
     return result;
 }
 
-// The intake's reading of the recording, its errors as MeasureError.
-detail::Intake readRecording(const std::string& path, const MeasureOptions& options) {
-    try {
-        return detail::ReadRecording(path, options);
-    } catch (const detail::RecordingError& e) {
-        throw MeasureError(e.status(), e.what());
-    }
+MeasureResult measure(const std::string& path, const MeasureOptions& options) {
+    validateOptions(options);
+    const detail::Intake intake = detail::ReadRecording(path, options);
+    const cv::Size size = intake.store.FrameSize(intake.store.Size() - 1);
+    AnalysisResult analysis = analyse(path, intake, options);
+    return buildResult(std::move(analysis), intake, size.width, size.height, options);
 }
 
 }  // namespace
 
 MeasureResult Measure(const std::string& path, const MeasureOptions& options) {
-    validateOptions(options);
-    const detail::Intake intake = readRecording(path, options);
-    const cv::Size size = intake.store.FrameSize(intake.store.Size() - 1);
-    AnalysisResult analysis = analyse(intake, options);
-    return buildResult(std::move(analysis), intake, size.width, size.height, options);
+    try {
+        return measure(path, options);
+    } catch (const detail::RecordingError& e) {
+        throw MeasureError(e.status(), e.what());
+    }
 }
 
 }  // namespace vyra

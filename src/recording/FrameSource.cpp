@@ -28,7 +28,7 @@ public:
     FolderSource(const std::string& dir, std::vector<std::string> names, const SourceOptions& options)
         : dir_(dir), names_(std::move(names)), timestamps_(options.timestamps), policy_(options.policy) {
         const FrameRange& range = options.range;
-        next_ = RangeFirst(range);
+        first_ = next_ = RangeFirst(range);
         stop_ = RangeStop(range, names_.size());
         if (policy_ == Policy::Historic) {
             stop_ = std::max(stop_, next_);
@@ -53,6 +53,11 @@ public:
         frame.timeMs = timestamps_ ? timeOf(name) : 0.0;
         frame.pixels = ReadFrameFile(dir_ + "/" + name, policy_);
         ++next_;
+        return true;
+    }
+
+    bool SeekTo(size_t index) override {
+        next_ = first_ + index;
         return true;
     }
 
@@ -94,6 +99,7 @@ private:
     std::vector<std::string> names_;
     bool timestamps_;
     Policy policy_;
+    size_t first_ = 0;
     size_t next_ = 0;
     size_t stop_ = 0;
     size_t expected_ = 0;
@@ -201,6 +207,22 @@ public:
         return true;
     }
 
+    bool SeekTo(size_t index) override {
+        const size_t target = first_ + index;
+        if (target < position_) {
+            capture_.release();
+            capture_ = openVideo(path_);
+            clock_ = VideoClock(capture_.get(cv::CAP_PROP_FPS));
+            position_ = 0;
+            ended_ = false;
+        }
+        double timeMs = 0.0;
+        bool estimated = false;
+        while (position_ < target && !ended_ && decode(nullptr, timeMs, estimated)) {
+        }
+        return position_ == target;
+    }
+
     size_t ExpectedCount() const override { return expected_; }
 
     // OpenCV names the codec only by a four-character code.
@@ -292,6 +314,8 @@ public:
         frame.label = "frame " + std::to_string(count_++);
         return true;
     }
+
+    bool SeekTo(size_t) override { return false; }
 
     size_t ExpectedCount() const override { return 0; }
 

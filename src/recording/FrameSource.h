@@ -48,6 +48,11 @@ public:
     // type, so pass a buffer nothing else still reads (or an empty one).
     virtual bool Next(SourceFrame& frame) = 0;
 
+    // Makes the next Next() give frame @p index of the range (counted from the
+    // range's first frame); a video reads again from its start to go back.
+    // Under Policy::Historic there is no going back: false.
+    virtual bool SeekTo(size_t index) = 0;
+
     // Frames the range is expected to hold; 0 when unknown. A video's count
     // comes from its container and may be off.
     virtual size_t ExpectedCount() const = 0;

@@ -4,6 +4,7 @@
 #define VYRA_FRAME_STORE_H
 
 #include <cstddef>
+#include <cstdint>
 #include <memory>
 #include <vector>
 
@@ -24,6 +25,14 @@ namespace detail {
  * (see LargeFrameAllocator.h), so keeping a band costs no allocation of its
  * own. A store can be moved, not copied.
  *
+ * Memory is bounded by a byte limit on the bands kept. The first frame whose
+ * new bands would go beyond it, and every frame after it, is appended
+ * without its pixels: the store knows its size, type and whether it equals
+ * the frame before it (it keeps the last such frame's pixels, in one buffer,
+ * to compare the next one with), but Resident() is false and the pixels must
+ * be found elsewhere. KeepLast() keeps the last frame's pixels whatever the
+ * limit, so that the frame an analysis compares all others with is at hand.
+ *
  * Thread safety: Append() must not run concurrently with anything else; the
  * const members may run from several threads at once.
  */
@@ -31,7 +40,8 @@ class FrameStore {
 public:
     static constexpr int kBandRows = 16;
 
-    FrameStore();
+    /** A store that keeps at most @p byteLimit bytes of bands (see above). */
+    explicit FrameStore(size_t byteLimit = SIZE_MAX);
     ~FrameStore();
     FrameStore(FrameStore&& other) noexcept;
     FrameStore& operator=(FrameStore&& other) noexcept;
@@ -50,8 +60,18 @@ public:
      */
     bool Append(const cv::Mat& frame, std::vector<cv::Range>* changedRows = nullptr);
 
+    /**
+     * Keeps the pixels of the frame appended last, if the limit left it
+     * without (the store then holds up to one frame more than the limit).
+     * Throws std::bad_alloc when memory runs out.
+     */
+    void KeepLast();
+
     /** Number of frames appended. */
     size_t Size() const;
+
+    /** True when the store holds frame @p k's pixels (Load() and Bands() may be called). */
+    bool Resident(size_t k) const;
 
     /**
      * True when frame @p k (0 < k < Size()) has the size, type and bytes of
@@ -63,8 +83,8 @@ public:
     cv::Size FrameSize(size_t k) const;
 
     /**
-     * A fresh continuous copy of frame @p k (an empty matrix for an empty
-     * frame), in memory from LargeFrameAllocator().
+     * A fresh continuous copy of resident frame @p k (an empty matrix for an
+     * empty frame), in memory from LargeFrameAllocator().
      */
     cv::Mat Load(size_t k) const;
 
@@ -76,9 +96,9 @@ public:
     void LoadInto(size_t k, cv::Mat& pixels) const;
 
     /**
-     * The bands of frame @p k, top to bottom (none for an empty frame). A
-     * band shared between frames is the same matrix in each, and band memory
-     * is never rewritten while the store lives.
+     * The bands of resident frame @p k, top to bottom (none for an empty
+     * frame). A band shared between frames is the same matrix in each, and
+     * band memory is never rewritten while the store lives.
      */
     std::shared_ptr<const std::vector<cv::Mat>> Bands(size_t k) const;
 
@@ -92,12 +112,19 @@ private:
         int rows = 0;
         int cols = 0;
         int type = 0;
-        std::shared_ptr<const BandList> bands;
+        std::shared_ptr<const BandList> bands;  // null when the frame is not resident
         bool sameAsPrevious = false;
     };
 
     // Room for @p bytes in the current block, or in a new one.
     uchar* reserve(size_t bytes);
+    // Bands of @p frame in the store's blocks, those equal to @p previous's
+    // (when given) shared; @p added receives the bytes copied.
+    std::shared_ptr<const BandList> keep(const cv::Mat& frame, const BandList* previous, size_t& added);
+    // @p frame copied into the spare buffer, as bands; the buffers alternate.
+    std::shared_ptr<const BandList> holdLast(const cv::Mat& frame);
+    // Copies @p bands top to bottom into @p pixels (made to measure when empty).
+    static void stack(const BandList& bands, cv::Mat& pixels);
 
     struct Block {
         uchar* data = nullptr;
@@ -105,9 +132,14 @@ private:
         size_t used = 0;
     };
 
+    size_t byteLimit_;
     std::vector<Frame> frames_;
     std::vector<Block> blocks_;
     size_t bytesHeld_ = 0;
+    bool full_ = false;                        // frames from here on are appended without pixels
+    std::shared_ptr<const BandList> last_;     // bands of the frame appended last, resident or not
+    cv::Mat spare_[2];                         // pixels of the last frames appended without pixels
+    int spareNext_ = 0;
 };
 
 }  // namespace detail

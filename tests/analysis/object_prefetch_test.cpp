@@ -47,6 +47,8 @@ public:
 
     bool Covers(int index, cv::Size) const override { return covered_[static_cast<size_t>(index)]; }
 
+    bool BandsLast(int) const override { return true; }
+
     bool SameAsPrevious(int index) const override {
         const cv::Mat& a = frames_[static_cast<size_t>(index)];
         const cv::Mat& b = frames_[static_cast<size_t>(index) - 1];

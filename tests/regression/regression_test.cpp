@@ -263,22 +263,31 @@ void writeNumberedFolder(const path& dir, const std::vector<cv::Mat>& frames) {
     vyra_test::writePngFolder(dir, names, frames);
 }
 
-// The options the Measure pins were recorded with: the noise tolerance was
-// 20 levels by default then.
-vyra::MeasureOptions pinnedOptions() {
-    vyra::MeasureOptions options;
-    options.visualProgress.levelTolerance = vyra::kVisualProgressLevelTolerance;
-    return options;
-}
+// Every Measure pin holds whether the intake keeps the frames in memory or
+// keeps none of them (a limit of 0 bytes), so that the analysis reads them
+// again from the recording.
+class MeasurePins : public testing::TestWithParam<size_t> {
+protected:
+    // The options the pins were recorded with (the noise tolerance was 20
+    // levels by default then), with the parameter's memory limit.
+    vyra::MeasureOptions pinnedOptions() const {
+        vyra::MeasureOptions options;
+        options.visualProgress.levelTolerance = vyra::kVisualProgressLevelTolerance;
+        options.frameMemoryLimit = GetParam();
+        return options;
+    }
 
-vyra::MeasureOptions atFrameRate(double fps) {
-    vyra::MeasureOptions options = pinnedOptions();
-    options.timing = vyra::Timing::FrameRate;
-    options.fps = fps;
-    return options;
-}
+    vyra::MeasureOptions atFrameRate(double fps) const {
+        vyra::MeasureOptions options = pinnedOptions();
+        options.timing = vyra::Timing::FrameRate;
+        options.fps = fps;
+        return options;
+    }
+};
 
-TEST(RegressionPins, MeasureVideoWithSavedFrames) {
+INSTANTIATE_TEST_SUITE_P(FrameMemory, MeasurePins, testing::Values(vyra::kDefaultFrameMemoryLimit, size_t(0)));
+
+TEST_P(MeasurePins, MeasureVideoWithSavedFrames) {
     vyra_test::TempDir work;
     vyra::sample::WriteSampleVideo((work / "launch.mp4").string(), smallSample(8));
     vyra::MeasureOptions options = pinnedOptions();
@@ -287,7 +296,7 @@ TEST(RegressionPins, MeasureVideoWithSavedFrames) {
     expectPinned("measure_video", text + describeFiles(work / "saved"));
 }
 
-TEST(RegressionPins, MeasureTimestampFolderRangeAndNextFrame) {
+TEST_P(MeasurePins, MeasureTimestampFolderRangeAndNextFrame) {
     vyra_test::TempDir work;
     vyra::sample::SampleOptions sample = smallSample(9);
     sample.timeJitter = 0.3;
@@ -299,7 +308,7 @@ TEST(RegressionPins, MeasureTimestampFolderRangeAndNextFrame) {
     expectPinned("measure_timestamp_folder", describe(vyra::Measure((work / "in").string(), options)));
 }
 
-TEST(RegressionPins, MeasureMixedSizesStaticAndStable) {
+TEST_P(MeasurePins, MeasureMixedSizesStaticAndStable) {
     vyra_test::TempDir work;
     writeNumberedFolder(work / "in", mixedSizeFrames());
     vyra::MeasureOptions options = atFrameRate(10.0);
@@ -309,7 +318,7 @@ TEST(RegressionPins, MeasureMixedSizesStaticAndStable) {
     expectPinned("measure_mixed_sizes", text);
 }
 
-TEST(RegressionPins, MeasureDynamicPages) {
+TEST_P(MeasurePins, MeasureDynamicPages) {
     vyra_test::TempDir work;
     writeNumberedFolder(work / "scroll", scrollingFrames());
     writeNumberedFolder(work / "sample", sampleFrames(180, 320, 10));
@@ -320,7 +329,7 @@ TEST(RegressionPins, MeasureDynamicPages) {
     expectPinned("measure_dynamic", text);
 }
 
-TEST(RegressionPins, MeasureCropIgnoreStableWithSavedFrames) {
+TEST_P(MeasurePins, MeasureCropIgnoreStableWithSavedFrames) {
     vyra_test::TempDir work;
     writeNumberedFolder(work / "in", sampleFrames(180, 320, 11));
     vyra::MeasureOptions options = atFrameRate(10.0);
