@@ -150,6 +150,8 @@ bool ImageCacheAccess::HasObjects(const Image& image) { return image.objects != 
 
 const cv::Mat& ImageCacheAccess::Pixels(const Image& image) { return image.mat; }
 
+const std::vector<Rect>& ImageCacheAccess::Objects(const Image& image) { return *image.objects; }
+
 cv::Size ImageCacheAccess::CachedSize(const Image& image) { return cv::Size(image.cachedWidth, image.cachedHeight); }
 
 bool ImageCacheAccess::Reloads(const Image& image) { return static_cast<bool>(image.loader); }

@@ -24,6 +24,9 @@ struct ImageCacheAccess {
     /** True when the Image's object list is known (detected or handed over). */
     static bool HasObjects(const Image& image);
 
+    /** The Image's object list, which must be known (HasObjects). */
+    static const std::vector<Rect>& Objects(const Image& image);
+
     /** The Image's matrix as it is, without loading anything. */
     static const cv::Mat& Pixels(const Image& image);
 

@@ -185,9 +185,15 @@ void ObjectPrefetch::Provide(int index, bool withRatio) {
             }
             break;
         }
-        case State::Done:
-            ImageCacheAccess::Install(sets_[index], *slot.objects, withRatio ? &slot.ratio : nullptr);
+        case State::Done: {
+            // Once its own Image has the list, the slot gives it up: repeats
+            // provided later copy it from that Image.
+            const std::vector<Rect>& objects =
+                slot.objects ? *slot.objects : ImageCacheAccess::Objects(sets_[source]);
+            ImageCacheAccess::Install(sets_[index], objects, withRatio ? &slot.ratio : nullptr);
+            if (source == index) slot.objects.reset();
             return;
+        }
         case State::Failed:
         case State::Ineligible:
             return;

@@ -109,7 +109,7 @@ private:
         cv::Mat pixels;      // header snapshot of the eligible image's matrix
         bool fromSource = false;  // read through the pixel source instead
         int sameAs = -1;     // earlier eligible index with byte-identical pixels
-        std::shared_ptr<const std::vector<Rect>> objects;
+        std::shared_ptr<const std::vector<Rect>> objects;  // until the slot's own Image has them
         double ratio = 0.0;
     };
 
