@@ -16,6 +16,10 @@
 
 namespace vyra {
 
+namespace detail {
+struct AnalyzerAccess;
+}
+
 /**
  * Holds five thresholds fixed at construction and answers questions about the
  * images of one ImageSets: blank or not, logo image, valid first frame,
@@ -131,6 +135,9 @@ public:
     AnalysisResult AnalyzeDynamicPage(ImageSets& sets) const;
 
 private:
+    // Library-internal: lets the analysis read the thresholds it runs with.
+    friend struct detail::AnalyzerAccess;
+
     double psnrThreshold;
     double baselineOverlapRatio;
     double similarOverlapRatio;

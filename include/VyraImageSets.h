@@ -25,6 +25,10 @@ typedef std::tuple<std::vector<cv::KeyPoint>, std::vector<cv::KeyPoint>, std::ve
 
 namespace vyra {
 
+namespace detail {
+struct ImageSetsCacheAccess;
+}
+
 using ::FeaturesMatchingInfo;
 
 /**
@@ -95,6 +99,11 @@ public:
     FeaturesMatchingInfo& GetImagesFeaturesMatchingInfo(int i, int j, bool crossCheck);
 
 private:
+    // Library-internal: lets the analysis memoise feature matches it has
+    // computed from features detected once per frame (no public behaviour
+    // depends on it).
+    friend struct detail::ImageSetsCacheAccess;
+
     std::vector<Image> images;
     std::map<std::pair<int, int>, double> psnrCache;
     std::map<std::tuple<int, int, bool>, FeaturesMatchingInfo> featuresMatchingCache;

@@ -109,10 +109,21 @@ bool Analyzer::IsValidFirstFrameImage(const std::vector<Rect>& boxes, cv::Vec<do
 }
 
 bool Analyzer::IsImagesSimilar(ImageSets& sets, int i, int j) const {
-    return IsImagesSimilarByPSNR(sets, i, j) ||
-           IsImagesSimilarByOverlapArea(sets, i, j, similarOverlapRatio) ||
-           IsImagesSimilarByFeatureMatching(sets, i, j);
+    return detail::ImagesSimilar(*this, sets, i, j, nullptr);
 }
+
+namespace detail {
+
+bool ImagesSimilar(const Analyzer& analyzer, ImageSets& sets, int i, int j, FeatureCache* features) {
+    if (analyzer.IsImagesSimilarByPSNR(sets, i, j) ||
+        analyzer.IsImagesSimilarByOverlapArea(sets, i, j, AnalyzerAccess::SimilarOverlapRatio(analyzer))) {
+        return true;
+    }
+    if (features != nullptr) features->Prepare(sets, i, j, true);
+    return analyzer.IsImagesSimilarByFeatureMatching(sets, i, j);
+}
+
+}  // namespace detail
 
 // ---------------------------------------------------------------- static page
 
@@ -229,10 +240,11 @@ AnalysisResult analyzeStaticPage(const Analyzer& analyzer, ImageSets& sets, bool
 
     if (analyzer.IsNonBlankImage(sets, b)) {
         result.loadFinishedIndex = b;
+        detail::FeatureCache features;  // the baseline's are detected once
         for (int i = 0; i < b; ++i) {
             prefetch.Provide(i, true);
             found.objectCounts[static_cast<size_t>(i)] = static_cast<size_t>(sets[i].GetImageObjectsSize());
-            if (analyzer.IsNonBlankImage(sets, i) && analyzer.IsImagesSimilar(sets, i, b)) {
+            if (analyzer.IsNonBlankImage(sets, i) && detail::ImagesSimilar(analyzer, sets, i, b, &features)) {
                 result.loadFinishedIndex = i;
                 break;
             }
@@ -407,7 +419,9 @@ AnalysisResult analyzeDynamicPage(const Analyzer& analyzer, ImageSets& sets, con
     }
     if (start >= last) return result;
 
+    detail::FeatureCache features;  // frame j + 1's serve the next pair too
     for (int j = start;; ++j) {
+        features.Prepare(sets, j, j + 1, false);
         const cv::Vec4i motion = Analyzer::AnalyzeMotion(sets.GetImagesFeaturesMatchingInfo(j, j + 1, false));
         const int k1 = motion[0], k2 = motion[1], good = motion[2];
         const bool moving = motion[3] != 0;

@@ -1,5 +1,7 @@
 #include "VyraImageSets.h"
 
+#include "analysis/FeatureCache.h"
+
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
@@ -147,18 +149,8 @@ cv::Vec3i ImageSets::GetImagesObjectsOverlapArea(int i, int j) {
 }
 
 FeaturesMatchingInfo ImageSets::FeatureMatching(const cv::Mat& a, const cv::Mat& b, bool crossCheck) {
-    FeaturesMatchingInfo info;
-    if (a.empty() || b.empty() || a.rows != b.rows || a.cols != b.cols) return info;
-    cv::Ptr<cv::ORB> orb =
-        cv::ORB::create(500, 1.2f, 8, 31, 0, 2, cv::ORB::HARRIS_SCORE, 31, 20);
-    cv::Mat descA, descB;
-    orb->detectAndCompute(a, cv::noArray(), std::get<0>(info), descA, false);
-    orb->detectAndCompute(b, cv::noArray(), std::get<1>(info), descB, false);
-    cv::BFMatcher matcher(cv::NORM_HAMMING, crossCheck);
-    if (!descA.empty() && !descB.empty()) {
-        matcher.match(descA, descB, std::get<2>(info), cv::noArray());
-    }
-    return info;
+    if (a.empty() || b.empty() || a.rows != b.rows || a.cols != b.cols) return FeaturesMatchingInfo();
+    return detail::MatchFeatures(detail::DetectFeatures(a), detail::DetectFeatures(b), crossCheck);
 }
 
 FeaturesMatchingInfo& ImageSets::GetImagesFeaturesMatchingInfo(int i, int j, bool crossCheck) {

@@ -10,6 +10,7 @@
 #include "VyraAnalysisResults.h"
 #include "VyraAnalyzer.h"
 #include "VyraImageSets.h"
+#include "analysis/FeatureCache.h"
 #include "analysis/ObjectPrefetch.h"
 
 namespace vyra {
@@ -42,6 +43,18 @@ struct AnalysisContext {
  */
 AnalysisResult Analyze(const Analyzer& analyzer, ImageSets& sets, VyraPageType type, bool searchStableBaseline,
                        const AnalysisContext& context);
+
+/** What the analysis reads of an Analyzer beyond its public members. */
+struct AnalyzerAccess {
+    static double SimilarOverlapRatio(const Analyzer& analyzer) { return analyzer.similarOverlapRatio; }
+};
+
+/**
+ * Analyzer::IsImagesSimilar(sets, i, j): PSNR, then object overlap, then
+ * feature matching, the first that holds; with @p features, the matches are
+ * computed from features detected once per frame (same result).
+ */
+bool ImagesSimilar(const Analyzer& analyzer, ImageSets& sets, int i, int j, FeatureCache* features);
 
 /**
  * Analyzer::CheckAndResizeImages(sets, baseline), telling @p warn (when set)
