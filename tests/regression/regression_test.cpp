@@ -19,6 +19,7 @@
 #include <vector>
 
 #include <opencv2/core.hpp>
+#include <opencv2/imgcodecs.hpp>
 #include <opencv2/imgproc.hpp>
 
 #include "LoadAnalyzer.h"
@@ -238,7 +239,21 @@ std::string describe(const vyra::MeasureResult& r) {
     return text;
 }
 
-// Names and FNV-1a hashes of the files in @p dir, in name order.
+// FNV-1a of an image file's pixels (as OpenCV decodes it, unchanged), with
+// its size and type: the same for two files holding the same picture.
+std::uint64_t pixelHash(const path& file) {
+    const cv::Mat image = cv::imread(file.string(), cv::IMREAD_UNCHANGED);
+    std::uint64_t hash = 1469598103934665603ULL;
+    const auto add = [&hash](const void* data, size_t size) {
+        for (size_t k = 0; k < size; ++k) hash = (hash ^ static_cast<const unsigned char*>(data)[k]) * 1099511628211ULL;
+    };
+    const int header[3] = {image.rows, image.cols, image.type()};
+    add(header, sizeof header);
+    for (int y = 0; y < image.rows; ++y) add(image.ptr(y), image.cols * image.elemSize());
+    return hash;
+}
+
+// Names and pixel hashes of the image files in @p dir, in name order.
 std::string describeFiles(const path& dir) {
     std::vector<path> files;
     for (const auto& entry : vyra_test::fs::directory_iterator(dir)) files.push_back(entry.path());
@@ -246,7 +261,7 @@ std::string describeFiles(const path& dir) {
     std::string text = "files " + std::to_string(files.size()) + "\n";
     for (const path& file : files) {
         char line[96];
-        std::snprintf(line, sizeof line, "%s %016" PRIx64 "\n", file.filename().c_str(), fileHash(file));
+        std::snprintf(line, sizeof line, "%s %016" PRIx64 "\n", file.filename().c_str(), pixelHash(file));
         text += line;
     }
     return text;
