@@ -10,15 +10,25 @@
  * Recording:
  *   - a folder: its PNG files (entries whose name does not begin with a dot
  *     and whose text after the last dot is exactly "png"), sorted byte-wise
- *     ascending by name (10.png before 9.png: zero-pad numbers);
- *   - any other existing path is opened as a video with OpenCV's FFmpeg
- *     back end, whatever its extension.
+ *     ascending by name (10.png before 9.png: zero-pad numbers). Each must be
+ *     a regular file holding a PNG image; its pixels are those
+ *     cv::imdecode(IMREAD_COLOR) would give (16-bit samples keep their high
+ *     byte, alpha is dropped, palettes expanded, grey replicated);
+ *   - any other existing path is opened as a video with FFmpeg's libraries,
+ *     whatever its extension: a regular file in a container that holds its
+ *     streams itself (MP4/MOV, Matroska/WebM, AVI, MPEG-TS, FLV, Ogg, ...,
+ *     raw H.264/HEVC/MJPEG streams); playlists and other files that name
+ *     further files or URLs are refused. Frames are converted to BGR as
+ *     OpenCV's FFmpeg back end converts them (the same pixels), each at its
+ *     own size (a stream whose frame size changes is aligned like frames of
+ *     mixed sizes, below).
+ * No frame may have more than MeasureOptions::maxFramePixels pixels; a file
+ * declaring more is refused before its pixels are allocated.
  *
- * Quiet: the library itself never writes to standard output or error. FFmpeg
- * (inside OpenCV) logs its own errors about damaged video files to standard
- * error; a host that wants silence sets the environment variable
- * OPENCV_FFMPEG_LOGLEVEL to -8 before it opens its first video (the vyra tool
- * does so unless the variable is set already).
+ * Quiet: the library never writes to standard output or error: the decoder,
+ * demuxer and encoder contexts it makes are silenced one by one (FFmpeg's
+ * process-wide log settings are left alone); what FFmpeg could still print,
+ * in rare cases, is listed in src/recording/FfmpegVideo.h.
  *
  * Range (the same rules for folders and videos): first = max(start, 0);
  * last = end when end > 1, else the recording's last frame (so end 0 and 1
@@ -26,17 +36,16 @@
  * index k of the result is the range's k-th frame.
  *
  * Timing (Timing::Timestamps, the default):
- *   - video: each frame's presentation timestamp, read with
- *     CAP_PROP_POS_MSEC after the frame is decoded; phone screen recorders
- *     write variable-frame-rate video, which index / fps would mistime.
- *     OpenCV's FFmpeg back end loses the timestamp of frames that leave the
- *     decoder only when it is drained at the end of the stream (the last one
- *     or two frames of streams with reordered B-frames): it reports a time
- *     that does not exceed the previous frame's. Such a frame is timed at the
- *     previous frame's time plus the mean frame interval of the timestamped
- *     frames decoded so far (1000 / the stream's nominal fps while fewer than
- *     two are known) and counted in MeasureResult::estimatedTimeCount.
- *   - folder: the number each file name starts with (the text before the
+ *   - video: each frame's presentation timestamp (from the stream's start
+ *     time), frames drained from the decoder at the end of B-frame streams
+ *     included; phone screen recorders write variable-frame-rate video,
+ *     which index / fps would mistime. A frame that has no timestamp, or
+ *     whose timestamp does not come after the previous frame's (damaged or
+ *     oddly muxed files), is timed at the previous frame's time plus the
+ *     mean frame interval of the frames timed so far (1000 / the stream's
+ *     nominal fps while fewer than two are known) and counted in
+ *     MeasureResult::estimatedTimeCount.
+   - folder: the number each file name starts with (the text before the
  *     last dot read like strtol: leading white space, a sign, digits), in
  *     milliseconds; a name without a number, or a number not above the
  *     previous one, throws VYRA_ERROR_NO_TIMESTAMPS.
@@ -132,6 +141,9 @@ enum class LaunchTimeMode { LoadFinishedFrame, NextFrame };
 constexpr double kMinFps = 1e-3;
 constexpr double kMaxFps = 1e6;
 
+/** Default of MeasureOptions::maxFramePixels: 8192 x 8192. */
+constexpr long long kDefaultMaxFramePixels = 8192LL * 8192;
+
 /** Default of MeasureOptions::frameMemoryLimit: 128 MiB. */
 constexpr size_t kDefaultFrameMemoryLimit = size_t(128) << 20;
 
@@ -170,6 +182,10 @@ struct VYRA_API MeasureOptions {
     /** Tolerances of the visual progress measures; levelTolerance is the
      *  "noise tolerance" of the vyra tool (see VyraVisualProgress.h). */
     VisualProgressOptions visualProgress;
+    /** The largest frame accepted, in pixels (width x height): a frame file or
+     *  video declaring more is refused (VYRA_ERROR_UNREADABLE) before any
+     *  pixel buffer is allocated. */
+    long long maxFramePixels = kDefaultMaxFramePixels;
     /** Bytes of decoded frames kept for the analysis; frames beyond it are
      *  read again from the recording when the analysis needs them (see the
      *  file comment). */
@@ -192,7 +208,7 @@ struct VYRA_API MeasureResult {
     double fps = 0.0;                 ///< frame rate of Timing::FrameRate, else 0
     LaunchTimeMode launchTimeMode = LaunchTimeMode::LoadFinishedFrame;
     double launchTime = std::numeric_limits<double>::quiet_NaN(); ///< seconds, NaN when not found
-    size_t estimatedTimeCount = 0;    ///< video frames timed by estimate (see the file comment)
+    size_t estimatedTimeCount = 0;    ///< video frames without a usable timestamp, timed by estimate
     std::vector<double> frameTimes;   ///< time of every analysed frame, seconds from the range start
     KeyFrame loadFinished;            ///< analysis.loadFinishedIndex
     KeyFrame baseline;                ///< analysis.staticResult.baselineIndex
@@ -253,21 +269,26 @@ private:
  *
  * Throws MeasureError with:
  *   - VYRA_ERROR_INVALID_ARGUMENT: Timing::FrameRate with an fps outside
- *     [kMinFps, kMaxFps] (or not a number); a page type other than STATIC_PAGE and
- *     DYNAMIC_PAGE; a crop or ignore region whose width or height is below 1
- *     or that does not lie wholly inside a frame (checked on each frame);
+ *     [kMinFps, kMaxFps] (or not a number); a page type other than STATIC_PAGE
+ *     and DYNAMIC_PAGE; a crop or ignore region whose width or height is
+ *     below 1 or that does not lie wholly inside a frame (checked on each
+ *     frame); a maxFramePixels below 1;
  *   - VYRA_ERROR_NOT_FOUND: @p path does not exist;
- *   - VYRA_ERROR_UNREADABLE: the path is neither a folder nor a video that
- *     OpenCV can open; a video of which no frame decodes (or whose decoding
- *     fails inside OpenCV); a folder that cannot be listed; a PNG file of the
- *     range that cannot be read or decoded;
+ *   - VYRA_ERROR_UNREADABLE: the path is neither a folder nor a regular file
+ *     holding a video in an accepted container (a FIFO, a device, a
+ *     directory named like a frame file, a file without permission to read);
+ *     a video of which no frame decodes; a folder that cannot be listed; a
+ *     frame file of the range that is not a regular PNG file that decodes;
+ *     a frame above maxFramePixels;
  *   - VYRA_ERROR_EMPTY: a folder without PNG files, or a range that selects
  *     no frame;
  *   - VYRA_ERROR_NO_TIMESTAMPS: Timing::Timestamps on a folder whose file
  *     names carry no number or whose numbers do not increase, or on a video
  *     with a frame whose timestamp is missing before two frames with
  *     timestamps are known when the stream has no nominal frame rate either;
- *   - VYRA_ERROR_WRITE: saveFramesDir cannot be created or a frame not written;
+ *   - VYRA_ERROR_WRITE: saveFramesDir cannot be created or a frame not written
+ *     whole (a full disk: the file is not left behind half written);
+ *   - VYRA_ERROR_NO_MEMORY: FFmpeg ran out of memory decoding a frame;
  *   - VYRA_ERROR_INTERNAL: OpenCV failed during the analysis.
  * std::bad_alloc passes through unchanged, and so does any exception thrown
  * by the progress callback.

@@ -6,8 +6,9 @@ VYRA_ROOT=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 VYRA_JOBS=${VYRA_JOBS:-$(nproc)}
 
 # Debian packages the build, the tests and the tools need.
-VYRA_PACKAGES=(build-essential cmake pkg-config python3 libopencv-dev nlohmann-json3-dev
-               libcli11-dev libgtest-dev libgmock-dev libbenchmark-dev ffmpeg)
+VYRA_PACKAGES=(build-essential cmake pkg-config python3 libopencv-dev libavformat-dev libavcodec-dev
+               libavutil-dev libswscale-dev nlohmann-json3-dev libcli11-dev libgtest-dev libgmock-dev
+               libbenchmark-dev zlib1g-dev ffmpeg)
 
 vyra_install_missing() {
   local missing=() pkg

@@ -1,5 +1,6 @@
 #include "measure/FrameReloader.h"
 
+#include "measure/Intake.h"
 #include "recording/RecordingError.h"
 #include "store/LargeFrameAllocator.h"
 
@@ -15,9 +16,7 @@ cv::Mat FrameReloader::Load(size_t index) {
         if (kept == index) return pixels.clone();
     }
     if (!source_) {
-        SourceOptions sourceOptions;
-        sourceOptions.range = FrameRange{options_.start, options_.end};
-        source_ = OpenFrameSource(path_, sourceOptions);
+        source_ = OpenFrameSource(path_, SourceOptionsOf(options_, false));
     }
     if (index != next_ && !source_->SeekTo(index)) {
         throw RecordingError(VYRA_ERROR_UNREADABLE, "frame " + std::to_string(index) + " of '" + path_ +

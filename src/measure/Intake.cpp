@@ -24,6 +24,14 @@ FrameTiming TimingOf(const MeasureOptions& options) {
     return timing;
 }
 
+SourceOptions SourceOptionsOf(const MeasureOptions& options, bool timestamps) {
+    SourceOptions source;
+    source.range = FrameRange{options.start, options.end};
+    source.timestamps = timestamps;
+    source.limits.maxPixels = options.maxFramePixels;
+    return source;
+}
+
 void ReportProgress(const MeasureOptions& options, MeasureStage stage, size_t done, size_t total) {
     if (options.progress) {
         options.progress(stage, done, total);
@@ -201,10 +209,8 @@ private:
 }  // namespace
 
 Intake ReadRecording(const std::string& path, const MeasureOptions& options) {
-    SourceOptions sourceOptions;
-    sourceOptions.range = FrameRange{options.start, options.end};
-    sourceOptions.timestamps = options.timing == Timing::Timestamps;
-    const std::unique_ptr<FrameSource> source = OpenFrameSource(path, sourceOptions);
+    const std::unique_ptr<FrameSource> source =
+        OpenFrameSource(path, SourceOptionsOf(options, options.timing == Timing::Timestamps));
     Intake intake;
     intake.store = FrameStore(options.frameMemoryLimit);
     {

@@ -12,6 +12,7 @@
 
 #include <opencv2/core.hpp>
 
+#include "recording/FrameSource.h"
 #include "recording/FrameTimes.h"
 #include "store/FrameStore.h"
 #include "VyraMeasure.h"
@@ -32,6 +33,9 @@ struct Intake {
 
 /** The timing of @p options' frames. */
 FrameTiming TimingOf(const MeasureOptions& options);
+
+/** How the recording of @p options is read: range, limits, and times when @p timestamps. */
+SourceOptions SourceOptionsOf(const MeasureOptions& options, bool timestamps);
 
 /** Calls options.progress(stage, done, total) when a callback is set. */
 void ReportProgress(const MeasureOptions& options, MeasureStage stage, size_t done, size_t total);

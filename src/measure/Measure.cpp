@@ -70,6 +70,11 @@ void validateOptions(const MeasureOptions& options) {
         options.launchTimeMode != LaunchTimeMode::NextFrame) {
         throw MeasureError(VYRA_ERROR_INVALID_ARGUMENT, "unknown launch time mode");
     }
+    if (options.maxFramePixels < 1) {
+        throw MeasureError(VYRA_ERROR_INVALID_ARGUMENT,
+                           "the frame size limit must be at least 1 pixel (got " +
+                               std::to_string(options.maxFramePixels) + ")");
+    }
     if (options.crop) {
         validateRegionShape(*options.crop, "crop");
     }

@@ -9,8 +9,7 @@
 #include <memory>
 #include <system_error>
 
-#include <opencv2/imgcodecs.hpp>
-
+#include "recording/FfmpegImage.h"
 #include "recording/OpenCvIo.h"
 #include "recording/RecordingError.h"
 
@@ -105,23 +104,12 @@ std::string DescribeRange(const FrameRange& range) {
     return "start " + std::to_string(range.start) + ", end " + std::to_string(range.end);
 }
 
-cv::Mat ReadFrameFile(const std::string& path, Policy policy) {
+cv::Mat ReadFrameFile(const std::string& path, Policy policy, const MediaLimits& limits) {
+    if (policy == Policy::Quiet) {
+        return DecodePng(ReadFileBytes(path, limits.MaxFileBytes()), limits, path);
+    }
     const std::vector<uchar> bytes = readFileBytes(path);
-    cv::Mat frame;
-    if (!bytes.empty()) {
-        if (policy == Policy::Historic) {
-            return DecodeWithOpenCv(bytes);
-        }
-        try {
-            frame = cv::imdecode(bytes, cv::IMREAD_COLOR);
-        } catch (const cv::Exception&) {
-            frame.release();
-        }
-    }
-    if (frame.empty() && policy == Policy::Quiet) {
-        throw RecordingError(VYRA_ERROR_UNREADABLE, "cannot read or decode frame file '" + path + "'");
-    }
-    return frame;
+    return bytes.empty() ? cv::Mat() : DecodeWithOpenCv(bytes);
 }
 
 }  // namespace detail

@@ -11,6 +11,7 @@
 
 #include <opencv2/core.hpp>
 
+#include "recording/MediaLimits.h"
 #include "recording/Policy.h"
 
 namespace vyra {
@@ -62,15 +63,20 @@ size_t RangeStop(const FrameRange& range, size_t count);
 std::string DescribeRange(const FrameRange& range);
 
 /**
- * The frame stored in the file @p path: its bytes read whole and decoded with
- * cv::imdecode(IMREAD_COLOR) into 8-bit BGR (Policy::Historic: OpenCV's
- * own codecs, from recording/OpenCvIo.h). A file that cannot be opened or
- * read, is empty or does not decode throws RecordingError
- * (VYRA_ERROR_UNREADABLE) under Policy::Quiet, which also turns OpenCV's
- * exceptions into that error; under Policy::Historic it gives an empty
- * matrix, and OpenCV's exceptions pass through.
+ * The frame stored in the file @p path, as 8-bit BGR.
+ *
+ * Policy::Quiet: a regular file of at most @p limits' bytes holding a PNG
+ * image of at most its pixels, decoded with FFmpeg's PNG decoder to the
+ * pixels cv::imdecode(IMREAD_COLOR) gives (see FfmpegImage.h); anything else
+ * throws RecordingError (VYRA_ERROR_UNREADABLE, _NOT_FOUND, _NO_MEMORY).
+ *
+ * Policy::Historic: the bytes read whole and decoded with
+ * cv::imdecode(IMREAD_COLOR) (OpenCV's own codecs, from
+ * recording/OpenCvIo.h); a file that cannot be opened or read, is empty or
+ * does not decode gives an empty matrix, and OpenCV's exceptions pass
+ * through.
  */
-cv::Mat ReadFrameFile(const std::string& path, Policy policy);
+cv::Mat ReadFrameFile(const std::string& path, Policy policy, const MediaLimits& limits = MediaLimits());
 
 }  // namespace detail
 }  // namespace vyra

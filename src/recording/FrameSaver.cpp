@@ -4,8 +4,7 @@
 #include <filesystem>
 #include <system_error>
 
-#include <opencv2/imgcodecs.hpp>
-
+#include "recording/FfmpegImage.h"
 #include "recording/OpenCvIo.h"
 #include "recording/RecordingError.h"
 
@@ -57,16 +56,8 @@ void FrameSaver::Finish() {
 void FrameSaver::write(const std::string& file, const cv::Mat& frame) const {
     if (policy_ == Policy::Historic) {
         WriteWithOpenCv(file, frame);
-        return;
-    }
-    bool written = false;
-    try {
-        written = cv::imwrite(file, frame);
-    } catch (const cv::Exception&) {
-        written = false;
-    }
-    if (!written) {
-        throw RecordingError(VYRA_ERROR_WRITE, "cannot write frame file '" + file + "'");
+    } else {
+        WritePng(file, frame);
     }
 }
 

@@ -18,12 +18,14 @@ namespace vyra {
 namespace detail {
 
 /**
- * Saves frame number N as DIR/%08d.png with cv::imwrite (no encoder
- * parameters), in the order Save() is called.
+ * Saves frame number N as DIR/%08d.png, in the order Save() is called.
  *
- * Policy::Quiet: the folder is created when missing; a folder that cannot be
- * created and a frame that is not written throw RecordingError
- * (VYRA_ERROR_WRITE). Policy::Historic: the folder is not created and a frame
+ * Policy::Quiet: with FFmpeg's PNG encoder, whole or not at all (WritePng:
+ * a temporary file renamed into place); the folder is created when missing;
+ * a folder that cannot be created and a frame that is not written throw
+ * RecordingError (VYRA_ERROR_WRITE, with the system's reason).
+ * Policy::Historic: with cv::imwrite (no encoder parameters, OpenCV's own
+ * codecs from recording/OpenCvIo.h); the folder is not created and a frame
  * that is not written is skipped; only an exception of OpenCV passes on.
  *
  * With @p background the files are written by a worker thread while the

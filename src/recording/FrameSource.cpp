@@ -7,8 +7,7 @@
 #include <system_error>
 #include <vector>
 
-#include <opencv2/videoio.hpp>
-
+#include "recording/FfmpegVideo.h"
 #include "recording/OpenCvIo.h"
 #include "recording/RecordingError.h"
 
@@ -26,7 +25,11 @@ namespace {
 class FolderSource : public FrameSource {
 public:
     FolderSource(const std::string& dir, std::vector<std::string> names, const SourceOptions& options)
-        : dir_(dir), names_(std::move(names)), timestamps_(options.timestamps), policy_(options.policy) {
+        : dir_(dir),
+          names_(std::move(names)),
+          timestamps_(options.timestamps),
+          policy_(options.policy),
+          limits_(options.limits) {
         const FrameRange& range = options.range;
         first_ = next_ = RangeFirst(range);
         stop_ = RangeStop(range, names_.size());
@@ -51,7 +54,7 @@ public:
         frame.label = name;
         frame.timeEstimated = false;
         frame.timeMs = timestamps_ ? timeOf(name) : 0.0;
-        frame.pixels = ReadFrameFile(dir_ + "/" + name, policy_);
+        frame.pixels = ReadFrameFile(dir_ + "/" + name, policy_, limits_);
         ++next_;
         return true;
     }
@@ -99,6 +102,7 @@ private:
     std::vector<std::string> names_;
     bool timestamps_;
     Policy policy_;
+    MediaLimits limits_;
     size_t first_ = 0;
     size_t next_ = 0;
     size_t stop_ = 0;
@@ -108,23 +112,21 @@ private:
 
 // ---- video ----
 
-// Turns the CAP_PROP_POS_MSEC value reported after each decoded frame into
-// the frame's time, estimating the frames whose timestamp went missing.
+// Makes the times of a video's frames strictly increasing: a frame without a
+// timestamp of its own, or whose timestamp does not come after the previous
+// frame's (damaged or oddly muxed files), is timed at the previous frame's
+// time plus the mean interval of the frames timed so far (the nominal
+// interval while fewer than two are known), and counts as estimated.
 class VideoClock {
 public:
     explicit VideoClock(double nominalFps) : nominalFps_(nominalFps) {}
 
-    double Stamp(double reportedMs, bool& estimated) {
-        if (count_ == 0 && !std::isfinite(reportedMs)) {
-            reportedMs = 0.0;
-        }
-        estimated = count_ > 0 && !(reportedMs > last_ && std::isfinite(reportedMs));
+    double Stamp(double reportedMs, bool derived, bool& estimated) {
+        estimated = count_ > 0 && (derived || !(reportedMs > last_));
         if (estimated) {
             last_ += meanInterval();
         } else {
-            if (known_ == 0) {
-                firstKnown_ = reportedMs;
-            }
+            if (known_ == 0) firstKnown_ = reportedMs;
             lastKnown_ = reportedMs;
             last_ = reportedMs;
             ++known_;
@@ -135,14 +137,10 @@ public:
 
 private:
     double meanInterval() const {
-        if (known_ >= 2) {
-            return (lastKnown_ - firstKnown_) / static_cast<double>(known_ - 1);
-        }
-        if (std::isfinite(nominalFps_) && nominalFps_ > 0.0) {
-            return 1000.0 / nominalFps_;
-        }
+        if (known_ >= 2) return (lastKnown_ - firstKnown_) / static_cast<double>(known_ - 1);
+        if (std::isfinite(nominalFps_) && nominalFps_ > 0.0) return 1000.0 / nominalFps_;
         throw RecordingError(VYRA_ERROR_NO_TIMESTAMPS,
-                           "the video reports no usable frame timestamps; give a frame rate instead");
+                             "the video reports no usable frame timestamps; give a frame rate instead");
     }
 
     double nominalFps_;
@@ -153,47 +151,29 @@ private:
     double last_ = 0.0;
 };
 
-// Videos are read through OpenCV's FFmpeg back end only: it reads every
-// container and codec FFmpeg knows, reports presentation timestamps, and
-// fails quietly where other back ends (GStreamer) print their own errors.
-cv::VideoCapture openVideo(const std::string& path) {
-    cv::VideoCapture capture;
-    try {
-        capture.open(path, cv::CAP_FFMPEG);
-    } catch (const cv::Exception& e) {
-        throw RecordingError(VYRA_ERROR_UNREADABLE, "cannot open '" + path + "' as a video: " + e.what());
-    }
-    if (!capture.isOpened()) {
-        throw RecordingError(VYRA_ERROR_UNREADABLE,
-                             "'" + path + "' is neither a folder nor a video that can be decoded");
-    }
-    return capture;
-}
-
+// A video read with FFmpeg's libraries (VideoReader): every frame with its
+// presentation timestamp.
 class VideoSource : public FrameSource {
 public:
     VideoSource(const std::string& path, const SourceOptions& options)
         : path_(path),
           range_(options.range),
-          capture_(openVideo(path)),
+          limits_(options.limits),
+          reader_(std::make_unique<VideoReader>(path, limits_)),
           timestamps_(options.timestamps),
-          clock_(capture_.get(cv::CAP_PROP_FPS)),
+          clock_(reader_->NominalFps()),
           first_(RangeFirst(range_)),
           stop_(RangeStop(range_, std::numeric_limits<size_t>::max())) {
         if (stop_ <= first_) {
             throw RecordingError(VYRA_ERROR_EMPTY, "the range (" + DescribeRange(range_) + ") selects no frame");
         }
-        const double count = capture_.get(cv::CAP_PROP_FRAME_COUNT);
-        if (std::isfinite(count) && count > 0.0) {
-            const size_t total = std::min(stop_, static_cast<size_t>(count));
-            expected_ = total > first_ ? total - first_ : 0;
-        }
+        const size_t count = reader_->ExpectedFrameCount();
+        const size_t total = std::min(stop_, count);
+        expected_ = total > first_ ? total - first_ : 0;
     }
 
-    ~VideoSource() override { capture_.release(); }
-
     bool Next(SourceFrame& frame) override {
-        skipToRange();
+        skipTo(first_);
         double timeMs = 0.0;
         bool estimated = false;
         // Decodes into the frame's buffer, reusing it when it has the size.
@@ -210,29 +190,18 @@ public:
     bool SeekTo(size_t index) override {
         const size_t target = first_ + index;
         if (target < position_) {
-            capture_.release();
-            capture_ = openVideo(path_);
-            clock_ = VideoClock(capture_.get(cv::CAP_PROP_FPS));
+            reader_ = std::make_unique<VideoReader>(path_, limits_);
+            clock_ = VideoClock(reader_->NominalFps());
             position_ = 0;
             ended_ = false;
         }
-        double timeMs = 0.0;
-        bool estimated = false;
-        while (position_ < target && !ended_ && decode(nullptr, timeMs, estimated)) {
-        }
+        skipTo(target);
         return position_ == target;
     }
 
     size_t ExpectedCount() const override { return expected_; }
 
-    // OpenCV names the codec only by a four-character code.
-    bool Lossless() const override {
-        const int code = static_cast<int>(capture_.get(cv::CAP_PROP_FOURCC));
-        for (const char* lossless : {"FFV1", "png ", "MPNG", "HFYU", "FFVH", "UTVD"}) {
-            if (code == cv::VideoWriter::fourcc(lossless[0], lossless[1], lossless[2], lossless[3])) return true;
-        }
-        return false;
-    }
+    bool Lossless() const override { return reader_->Lossless(); }
 
     std::optional<double> FollowingTimeMs() override {
         if (!timestamps_ || ended_) {
@@ -247,33 +216,26 @@ public:
     }
 
 private:
-    // Decodes the next frame (only grabs it when @p pixels is null); false at
-    // the end of the video.
+    // Decodes the next frame (without converting it when @p pixels is null);
+    // false at the end of the video.
     bool decode(cv::Mat* pixels, double& timeMs, bool& estimated) {
-        try {
-            return read(pixels, timeMs, estimated);
-        } catch (const cv::Exception& e) {
-            throw RecordingError(VYRA_ERROR_UNREADABLE, "decoding '" + path_ + "' failed: " + std::string(e.what()));
-        }
-    }
-
-    bool read(cv::Mat* pixels, double& timeMs, bool& estimated) {
-        const bool ok = pixels == nullptr ? capture_.grab() : capture_.read(*pixels) && !pixels->empty();
-        if (!ok) {
+        double reportedMs = 0.0;
+        bool derived = false;
+        if (!reader_->Read(pixels, reportedMs, &derived)) {
             ended_ = true;
             return false;
         }
         if (timestamps_) {
-            timeMs = clock_.Stamp(capture_.get(cv::CAP_PROP_POS_MSEC), estimated);
+            timeMs = clock_.Stamp(reportedMs, derived, estimated);
         }
         ++position_;
         return true;
     }
 
-    void skipToRange() {
+    void skipTo(size_t target) {
         double timeMs = 0.0;
         bool estimated = false;
-        while (position_ < first_ && !ended_ && decode(nullptr, timeMs, estimated)) {
+        while (position_ < target && !ended_ && decode(nullptr, timeMs, estimated)) {
         }
     }
 
@@ -290,7 +252,8 @@ private:
 
     std::string path_;
     FrameRange range_;
-    cv::VideoCapture capture_;
+    MediaLimits limits_;
+    std::unique_ptr<VideoReader> reader_;
     bool timestamps_;
     VideoClock clock_;
     size_t first_;

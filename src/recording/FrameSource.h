@@ -15,6 +15,7 @@
 #include <opencv2/core.hpp>
 
 #include "recording/FrameFiles.h"
+#include "recording/MediaLimits.h"
 #include "recording/Policy.h"
 
 namespace vyra {
@@ -25,6 +26,7 @@ struct SourceOptions {
     FrameRange range;
     bool timestamps = false;  // give every frame its raw time
     Policy policy = Policy::Quiet;
+    MediaLimits limits;       // Policy::Quiet: the largest frame and frame file read
 };
 
 // One decoded frame of the range.

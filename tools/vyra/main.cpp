@@ -7,7 +7,6 @@
 // 1 any other failure (cannot write, out of memory, internal error),
 // 2 usage error or invalid argument, 3 input that cannot be used (missing,
 // unreadable, empty, no usable timestamps).
-#include <cstdlib>
 #include <exception>
 #include <iostream>
 #include <string>
@@ -47,9 +46,6 @@ int run(int argc, char** argv) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    // FFmpeg's own error log (damaged videos) would add lines to the one
-    // message the tool prints; keep it quiet unless the user asked for it.
-    setenv("OPENCV_FFMPEG_LOGLEVEL", "-8", 0);
     try {
         return run(argc, argv);
     } catch (const vyra::MeasureError& e) {
