@@ -1,5 +1,7 @@
 #include "VyraSample.h"
 
+#include "SampleWriter.h"
+
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
@@ -7,9 +9,7 @@
 #include <sstream>
 #include <stdexcept>
 
-#include <opencv2/imgcodecs.hpp>
 #include <opencv2/imgproc.hpp>
-#include <opencv2/videoio.hpp>
 
 namespace vyra::sample {
 
@@ -451,18 +451,6 @@ void DrawPage(cv::Mat& img, const Layout& l, const Palette& p, unsigned seed, co
     }
 }
 
-std::string Extension(const std::string& path) {
-    return std::filesystem::path(path).extension().string();
-}
-
-int FourccFor(const std::string& path) {
-    const std::string ext = Extension(path);
-    if (ext == ".mp4" || ext == ".mov") return cv::VideoWriter::fourcc('m', 'p', '4', 'v');
-    if (ext == ".mkv" || ext == ".avi") return cv::VideoWriter::fourcc('M', 'J', 'P', 'G');
-    throw std::invalid_argument("sample: unsupported video extension \"" + ext +
-                                "\" (use .mp4, .mov, .mkv or .avi)");
-}
-
 // "name: frames a-b, from t ms", or "name: none" for an empty stage.
 std::string DescribeStage(const SampleTruth& t, const char* name, int first, int end) {
     if (end <= first) {
@@ -537,16 +525,12 @@ std::vector<cv::Mat> RenderAllFrames(const SampleOptions& o, const SampleTruth& 
 
 SampleTruth WriteSampleVideo(const std::string& path, const SampleOptions& o) {
     Require(o.timeJitter == 0.0, "a video has one frame rate; timeJitter must be 0");
-    const int fourcc = FourccFor(path);
     const SampleTruth t = PlanSample(o);
-    cv::VideoWriter writer(path, cv::CAP_FFMPEG, fourcc, o.fps, cv::Size(o.width, o.height));
-    if (!writer.isOpened()) {
-        throw std::runtime_error("sample: cannot open a video writer for " + path);
-    }
+    VideoWriter writer(path, o.width, o.height, o.fps);
     for (int k = 0; k < t.frameCount; ++k) {
-        writer.write(RenderFrame(o, t, k));
+        writer.Write(RenderFrame(o, t, k));
     }
-    writer.release();
+    writer.Close();
     return t;
 }
 
@@ -574,9 +558,7 @@ SampleTruth WriteSampleFrames(const std::string& dir, const SampleOptions& o, st
     std::filesystem::create_directories(dir);
     for (int k = 0; k < t.frameCount; ++k) {
         const std::string file = (std::filesystem::path(dir) / names[static_cast<size_t>(k)]).string();
-        if (!cv::imwrite(file, RenderFrame(o, t, k))) {
-            throw std::runtime_error("sample: cannot write " + file);
-        }
+        WritePng(file, RenderFrame(o, t, k));
     }
     return t;
 }

@@ -109,11 +109,12 @@ cv::Mat RenderFrame(const SampleOptions& options, const SampleTruth& truth, int 
 std::vector<cv::Mat> RenderAllFrames(const SampleOptions& options, const SampleTruth& truth);
 
 /**
- * Writes the recording as a video with cv::VideoWriter at options.fps. The
- * codec follows the extension: ".mp4", ".mov" mp4v; ".mkv", ".avi" MJPG.
+ * Writes the recording as a video at options.fps (SampleWriter.h: ".mp4",
+ * ".mov" MPEG-4 part 2; ".mkv", ".avi" MJPEG; high quality, a key frame every
+ * 12 frames).
  * @throws std::invalid_argument for options.timeJitter != 0 (a video has one
  *         frame rate) or another extension; std::runtime_error when the
- *         writer cannot be opened.
+ *         video cannot be written.
  */
 SampleTruth WriteSampleVideo(const std::string& path, const SampleOptions& options);
 
