@@ -119,6 +119,7 @@
 #include <cstddef>
 #include <functional>
 #include <limits>
+#include <memory>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -126,6 +127,7 @@
 
 #include "VyraAnalysisResults.h"
 #include "VyraExport.h"
+#include "VyraReport.h"
 #include "VyraStatus.h"
 #include "VyraVisualProgress.h"
 
@@ -190,6 +192,8 @@ struct VYRA_API MeasureOptions {
      *  read again from the recording when the analysis needs them (see the
      *  file comment). */
     size_t frameMemoryLimit = kDefaultFrameMemoryLimit;
+    /** What to collect for a report (VyraReport.h); nothing by default. */
+    ReportOptions report;
 };
 
 /** A key frame: index in the range (-1 = not found), seconds from the range start (NaN if not found). */
@@ -231,6 +235,9 @@ struct VYRA_API MeasureResult {
     KeyFrame visuallyComplete99;      ///< visual.visuallyComplete99
     KeyFrame visuallyComplete;        ///< visual.visuallyComplete: from here on the screen shows the final picture
     double speedIndexMs = std::numeric_limits<double>::quiet_NaN(); ///< visual.speedIndexMs
+
+    /** The material of a report, when MeasureOptions::report.collect asked for it; else null. */
+    std::shared_ptr<const ReportMaterial> report;
 };
 
 /** The two tables a summary shows key frames in. */

@@ -10,6 +10,7 @@
 #include <utility>
 
 #include "measure/FramePreparer.h"
+#include "measure/ReportCollector.h"
 #include "recording/FrameSaver.h"
 #include "recording/FrameSource.h"
 #include "store/LargeFrameAllocator.h"
@@ -59,6 +60,7 @@ public:
                      : std::make_unique<FrameSaver>(options.saveFramesDir, Policy::Quiet, false)),
           tracker_(trackerOptions(options.visualProgress, lossless)),
           estimated_(options.visualProgress.levelTolerance < 0),
+          filmstrip_(options.report.collect ? std::make_unique<FilmstripCollector>(options.report) : nullptr),
           spare_(reserved(kQueuedFrames + 2)),
           thread_(&FrameProcessor::run, this) {}
 
@@ -144,6 +146,7 @@ private:
         if (!failure_ && ending_ && queue_.empty()) {
             try {
                 intake_.store.KeepLast();
+                if (filmstrip_) intake_.filmstrip = filmstrip_->Finish();
                 intake_.ignoreColours = preparer_.Colours();
                 intake_.visual = tracker_.Finish();
                 intake_.visual.levelToleranceEstimated = estimated_;
@@ -160,6 +163,7 @@ private:
         intake_.rawTimesMs.push_back(decoded.timeMs);
         const double timeMs = FrameTimeMs(timing_, index, intake_.rawTimesMs);
         const bool repeated = intake_.store.Append(frame, &changedRows_);
+        if (filmstrip_) filmstrip_->Add(frame, index, timeMs, repeated);
         if (!track(frame, timeMs, repeated)) {
             throw MeasureError(VYRA_ERROR_INTERNAL, "the visual progress cannot take " + decoded.label +
                                                         " (unsupported pixels or a time before the "
@@ -193,6 +197,7 @@ private:
     const std::unique_ptr<FrameSaver> saver_;  // null: frames are not saved
     VisualProgressTracker tracker_;
     const bool estimated_ = false;  // the tolerance is chosen here, not given
+    const std::unique_ptr<FilmstripCollector> filmstrip_;  // null: no report asked for
     std::vector<cv::Range> changedRows_;  // of the frame being processed
     cv::Mat lastFrame_;                   // pixels of the frame processed last
 

@@ -29,6 +29,7 @@ struct Intake {
     std::optional<double> followingTimeMs;
     size_t estimatedTimeCount = 0;
     VisualProgress visual;
+    std::vector<ReportPicture> filmstrip;  // when the options ask for a report
 };
 
 /** The timing of @p options' frames. */

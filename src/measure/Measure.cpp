@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <set>
 #include <sstream>
 #include <utility>
 
@@ -10,6 +11,7 @@
 #include "analysis/AnalysisEntry.h"
 #include "analysis/Thresholds.h"
 #include "measure/LoadWindow.h"
+#include "measure/ReportCollector.h"
 #include "recording/FrameTimes.h"
 #include "recording/RecordingError.h"
 #include "measure/FramePreparer.h"
@@ -70,6 +72,9 @@ void validateOptions(const MeasureOptions& options) {
         options.launchTimeMode != LaunchTimeMode::NextFrame) {
         throw MeasureError(VYRA_ERROR_INVALID_ARGUMENT, "unknown launch time mode");
     }
+    if (options.report.collect && !(options.report.intervalMs > 0.0 && std::isfinite(options.report.intervalMs))) {
+        throw MeasureError(VYRA_ERROR_INVALID_ARGUMENT, "the report's interval must be a number of ms above 0");
+    }
     if (options.maxFramePixels < 1) {
         throw MeasureError(VYRA_ERROR_INVALID_ARGUMENT,
                            "the frame size limit must be at least 1 pixel (got " +
@@ -123,9 +128,48 @@ private:
     detail::FrameReloader& reloader_;
 };
 
-AnalysisResult analyse(const std::string& path, const detail::Intake& intake, const MeasureOptions& options) {
-    detail::ReportProgress(options, MeasureStage::Analysing, 0, 1);
+// The frames a report pictures of the analysis: every key frame, once, in
+// index order; and for the static analysis every frame's object count and
+// content level (detected now where the analysis did not need them).
+std::shared_ptr<ReportMaterial> reportMaterial(const Analyzer& analyzer, ImageSets& sets, const AnalysisResult& analysis,
+                                               const detail::Intake& intake, const detail::PixelSource& stored,
+                                               detail::FrameReloader& reloader, const MeasureOptions& options) {
+    auto material = std::make_shared<ReportMaterial>();
+    material->intervalMs = options.report.intervalMs;
+    material->filmstrip = intake.filmstrip;
+    std::set<int> keys;
+    for (size_t row = 0; row < KeyFrameFields().size(); ++row) {
+        const int index = detail::KeyFrameIndex(row, analysis, intake.visual);
+        if (index >= 0 && static_cast<size_t>(index) < intake.store.Size()) keys.insert(index);
+    }
+    const detail::FrameTiming timing = detail::TimingOf(options);
+    for (const int k : keys) {
+        const size_t index = static_cast<size_t>(k);
+        const cv::Mat frame = intake.store.Resident(index) ? intake.store.Load(index) : reloader.Load(index);
+        material->keyFrames.push_back(
+            detail::PictureOf(frame, k, detail::FrameTimeMs(timing, index, intake.rawTimesMs), options.report));
+    }
+    if (options.pageType == STATIC_PAGE) {
+        detail::ObjectPrefetch prefetch(sets, true, &stored);
+        for (int k = 0; k < sets.size(); ++k) {
+            prefetch.Provide(k, true);
+            material->objectCounts.push_back(sets[k].GetImageObjectsSize());
+            material->contentLevels.push_back(analyzer.DetectImageContentLevel(sets[k]));
+        }
+        material->objectCountThreshold = detail::kObjectCountThreshold;
+        material->contentRatioThreshold = detail::kContentRatioThreshold;
+    }
+    return material;
+}
+
+struct Analysed {
     AnalysisResult analysis;
+    std::shared_ptr<const ReportMaterial> report;  // when the options ask for one
+};
+
+Analysed analyse(const std::string& path, const detail::Intake& intake, const MeasureOptions& options) {
+    detail::ReportProgress(options, MeasureStage::Analysing, 0, 1);
+    Analysed analysed;
     {
         detail::LoadWindow window;
         detail::FrameReloader reloader(path, options, intake.ignoreColours);
@@ -149,13 +193,17 @@ AnalysisResult analyse(const std::string& path, const detail::Intake& intake, co
         try {
             const StoredPixels stored(intake.store, reloader);
             context.pixels = &stored;
-            analysis = detail::Analyze(analyzer, sets, options.pageType, options.stableBaseline, context);
+            analysed.analysis = detail::Analyze(analyzer, sets, options.pageType, options.stableBaseline, context);
+            if (options.report.collect) {
+                analysed.report =
+                    reportMaterial(analyzer, sets, analysed.analysis, intake, stored, reloader, options);
+            }
         } catch (const cv::Exception& e) {
             throw MeasureError(VYRA_ERROR_INTERNAL, std::string("the analysis failed: ") + e.what());
         }
     }
     detail::ReportProgress(options, MeasureStage::Analysing, 1, 1);
-    return analysis;
+    return analysed;
 }
 
 // Seconds from the range's first frame for every frame.
@@ -208,8 +256,10 @@ MeasureResult measure(const std::string& path, const MeasureOptions& options) {
     validateOptions(options);
     const detail::Intake intake = detail::ReadRecording(path, options);
     const cv::Size size = intake.store.FrameSize(intake.store.Size() - 1);
-    AnalysisResult analysis = analyse(path, intake, options);
-    return buildResult(std::move(analysis), intake, size.width, size.height, options);
+    Analysed analysed = analyse(path, intake, options);
+    MeasureResult result = buildResult(std::move(analysed.analysis), intake, size.width, size.height, options);
+    result.report = std::move(analysed.report);
+    return result;
 }
 
 }  // namespace

@@ -554,7 +554,94 @@ std::vector<unsigned char> ReadRegularFile(const std::string& path, size_t maxBy
     return bytes;
 }
 
+// --- JPEG pictures -------------------------------------------------------------
+
+// Converts between a packed BGR image and `frame` of another pixel format.
+void Convert(const uint8_t* const source[], const int sourceStride[], AVPixelFormat from, int width, int height,
+             uint8_t* const target[], const int targetStride[], AVPixelFormat to) {
+    ScalerPtr scaler(sws_getContext(width, height, from, width, height, to, SWS_BICUBIC, nullptr, nullptr, nullptr));
+    if (!scaler) throw RecordingError(VYRA_ERROR_INTERNAL, "cannot convert a picture's pixels");
+    sws_scale(scaler.get(), source, sourceStride, 0, height, target, targetStride);
+}
+
+std::vector<unsigned char> EncodeJpegBytes(const cv::Mat& bgr, int quality) {
+    if (bgr.empty() || bgr.type() != CV_8UC3) {
+        throw RecordingError(VYRA_ERROR_INVALID_ARGUMENT, "a JPEG picture needs an 8-bit BGR image");
+    }
+    const AVCodec* encoder = avcodec_find_encoder(AV_CODEC_ID_MJPEG);
+    if (encoder == nullptr) throw RecordingError(VYRA_ERROR_INTERNAL, "FFmpeg has no JPEG encoder");
+    CodecContextPtr codec(avcodec_alloc_context3(encoder));
+    if (!codec) throw RecordingError(VYRA_ERROR_NO_MEMORY, "out of memory allocating a JPEG encoder");
+    codec->log_level_offset = kQuietLogLevelOffset;
+    codec->width = bgr.cols;
+    codec->height = bgr.rows;
+    codec->pix_fmt = AV_PIX_FMT_YUVJ420P;
+    codec->time_base = AVRational{1, 1};
+    codec->thread_count = 1;
+    codec->flags |= AV_CODEC_FLAG_QSCALE;
+    codec->global_quality = FF_QP2LAMBDA * std::clamp(quality, 1, 31);
+    int error = avcodec_open2(codec.get(), encoder, nullptr);
+    if (error < 0) ThrowAvError(error, VYRA_ERROR_INTERNAL, "cannot open the JPEG encoder");
+    FramePtr frame = AllocateFrame();
+    frame->format = codec->pix_fmt;
+    frame->width = bgr.cols;
+    frame->height = bgr.rows;
+    frame->quality = codec->global_quality;
+    error = av_frame_get_buffer(frame.get(), 0);
+    if (error < 0) ThrowAvError(error, VYRA_ERROR_NO_MEMORY, "cannot allocate a picture");
+    const uint8_t* source[1] = {bgr.data};
+    const int stride[1] = {static_cast<int>(bgr.step[0])};
+    Convert(source, stride, AV_PIX_FMT_BGR24, bgr.cols, bgr.rows, frame->data, frame->linesize, codec->pix_fmt);
+    PacketPtr packet = AllocatePacket();
+    error = avcodec_send_frame(codec.get(), frame.get());
+    if (error >= 0) error = avcodec_receive_packet(codec.get(), packet.get());
+    if (error < 0) ThrowAvError(error, VYRA_ERROR_INTERNAL, "cannot encode a JPEG picture");
+    return std::vector<unsigned char>(packet->data, packet->data + packet->size);
+}
+
+cv::Mat DecodeJpegBytes(const std::vector<unsigned char>& bytes) {
+    const AVCodec* decoder = avcodec_find_decoder(AV_CODEC_ID_MJPEG);
+    if (decoder == nullptr) throw RecordingError(VYRA_ERROR_INTERNAL, "FFmpeg has no JPEG decoder");
+    CodecContextPtr codec(avcodec_alloc_context3(decoder));
+    if (!codec) throw RecordingError(VYRA_ERROR_NO_MEMORY, "out of memory allocating a JPEG decoder");
+    codec->log_level_offset = kQuietLogLevelOffset;
+    codec->thread_count = 1;
+    int error = avcodec_open2(codec.get(), decoder, nullptr);
+    if (error < 0) ThrowAvError(error, VYRA_ERROR_INTERNAL, "cannot open the JPEG decoder");
+    PacketPtr packet = AllocatePacket();
+    packet->data = const_cast<uint8_t*>(bytes.data());
+    packet->size = static_cast<int>(bytes.size());
+    FramePtr frame = AllocateFrame();
+    error = avcodec_send_packet(codec.get(), packet.get());
+    if (error >= 0) error = avcodec_receive_frame(codec.get(), frame.get());
+    packet->data = nullptr;
+    packet->size = 0;
+    if (error < 0) ThrowAvError(error, VYRA_ERROR_UNREADABLE, "cannot decode a JPEG picture");
+    cv::Mat bgr(frame->height, frame->width, CV_8UC3);
+    uint8_t* target[1] = {bgr.data};
+    const int stride[1] = {static_cast<int>(bgr.step[0])};
+    Convert(frame->data, frame->linesize, static_cast<AVPixelFormat>(frame->format), frame->width, frame->height,
+            target, stride, AV_PIX_FMT_BGR24);
+    return bgr;
+}
+
 }  // namespace
+
+std::vector<unsigned char> EncodeJpeg(const cv::Mat& bgr, int quality) {
+    try {
+        return EncodeJpegBytes(bgr, quality);
+    } catch (...) {
+        RethrowAsRecordingError("cannot encode a JPEG picture");
+    }
+}
+
+cv::Mat DecodeJpeg(const std::vector<unsigned char>& bytes) {
+    try {
+        return DecodeJpegBytes(bytes);
+    } catch (...) {
+        RethrowAsRecordingError("cannot decode a JPEG picture");
+    }
+}
 
 cv::Mat DecodePng(const std::vector<unsigned char>& bytes, const MediaLimits& limits, const std::string& nameForMessages) {
     try {

@@ -46,6 +46,16 @@ cv::Mat DecodePng(const std::vector<unsigned char>& bytes, const MediaLimits& li
 // is thrown. An empty image or another type is VYRA_ERROR_INVALID_ARGUMENT.
 void WritePng(const std::string& path, const cv::Mat& image);
 
+// A picture of an 8-bit BGR image as JPEG bytes (baseline, 4:2:0) at
+// quantiser scale `quality` (1 best .. 31 smallest), for reports.
+// RecordingError on failure (VYRA_ERROR_INVALID_ARGUMENT for another image
+// type).
+std::vector<unsigned char> EncodeJpeg(const cv::Mat& bgr, int quality);
+
+// The 8-bit BGR image of JPEG bytes (as EncodeJpeg writes them);
+// RecordingError (VYRA_ERROR_UNREADABLE) for bytes that do not decode.
+cv::Mat DecodeJpeg(const std::vector<unsigned char>& bytes);
+
 // Reads a whole regular file (symlinks followed). A FIFO, device, socket or
 // directory is refused without blocking, and so is a file larger than
 // maxBytes; both, and read errors, are VYRA_ERROR_UNREADABLE (the message

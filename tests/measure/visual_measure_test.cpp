@@ -2,11 +2,14 @@
 // progress, visual change frames and speed index follow from their pixel
 // counts and chosen times; key frame times are the frames' own times.
 #include <cmath>
+#include <set>
 #include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
 
+#include "VyraAnalyzer.h"
+#include "VyraImage.h"
 #include "VyraMeasure.h"
 #include "fixtures.h"
 
@@ -233,3 +236,57 @@ TEST(VisualMeasure, FrameRateTimingAndAPageThatNeverChanges) {
 }
 
 }  // namespace
+
+TEST(MeasureReport, FilmstripPicturesTheFrameShownAtEveryStepAndEveryKeyFrameOnce) {
+    TempDir dir;
+    const cv::Mat white = pageFrame(false);
+    const cv::Mat grid = pageFrame(true);
+    const cv::Mat full = pageFrame(true, true);
+    const std::vector<cv::Mat> frames = {white, white, grid, full};
+    const std::string rec = writeTimedFolder(dir, {0, 250, 400, 1000}, frames);
+    vyra::MeasureOptions options;
+    options.report.collect = true;
+    options.report.pictureHeight = 80;
+    const vyra::MeasureResult r = vyra::Measure(rec, options);
+    ASSERT_TRUE(r.report);
+    const vyra::ReportMaterial& m = *r.report;
+
+    // Steps of 100 ms up to 1 s: frame k is shown from its time to the next one's.
+    const std::vector<int> shown = {0, 0, 0, 1, 2, 2, 2, 2, 2, 2, 3};
+    ASSERT_EQ(m.filmstrip.size(), shown.size());
+    for (size_t step = 0; step < shown.size(); ++step) {
+        const vyra::ReportPicture& p = m.filmstrip[step];
+        EXPECT_EQ(p.index, shown[step]) << step;
+        EXPECT_DOUBLE_EQ(p.shownAt, step * 0.1) << step;
+        EXPECT_DOUBLE_EQ(p.frameTime, r.frameTimes[static_cast<size_t>(shown[step])]) << step;
+        EXPECT_EQ(p.height, 80);
+        EXPECT_EQ(p.width, std::lround(frames[0].cols * 80.0 / frames[0].rows));
+        ASSERT_TRUE(p.jpeg);
+        EXPECT_EQ(p.jpeg->at(0), 0xFF);  // a JPEG start of image
+        EXPECT_EQ(p.jpeg->at(1), 0xD8);
+    }
+    EXPECT_EQ(m.filmstrip[3].jpeg, m.filmstrip[0].jpeg);  // frame 1 repeats frame 0: one picture
+    EXPECT_NE(m.filmstrip[4].jpeg, m.filmstrip[0].jpeg);
+
+    std::set<int> keys;
+    for (const vyra::KeyFrameField& field : vyra::KeyFrameFields()) {
+        if ((r.*field.member).index >= 0) keys.insert((r.*field.member).index);
+    }
+    ASSERT_EQ(m.keyFrames.size(), keys.size());
+    size_t k = 0;
+    for (const int index : keys) EXPECT_EQ(m.keyFrames[k++].index, index);
+
+    const vyra::Analyzer analyzer(20.0, 0.5, 0.85, 0.15, 200);
+    ASSERT_EQ(m.objectCounts.size(), frames.size());
+    for (size_t f = 0; f < frames.size(); ++f) {
+        cv::Mat frame = frames[f];
+        vyra::Image image(frame, static_cast<int>(f));
+        EXPECT_EQ(m.objectCounts[f], image.GetImageObjectsSize()) << f;
+        EXPECT_EQ(m.contentLevels[f], analyzer.DetectImageContentLevel(image)) << f;
+    }
+    EXPECT_EQ(m.objectCountThreshold, 200);
+    EXPECT_DOUBLE_EQ(m.contentRatioThreshold, 0.15);
+
+    options.report.collect = false;
+    EXPECT_FALSE(vyra::Measure(rec, options).report);
+}
