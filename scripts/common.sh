@@ -5,10 +5,11 @@ set -euo pipefail
 VYRA_ROOT=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 VYRA_JOBS=${VYRA_JOBS:-$(nproc)}
 
-# Debian packages the build, the tests and the tools need.
+# Debian packages the build, the tests and the tools need (Chromium: the
+# browser test of the HTML report).
 VYRA_PACKAGES=(build-essential cmake pkg-config python3 libopencv-dev libavformat-dev libavcodec-dev
                libavutil-dev libswscale-dev nlohmann-json3-dev libcli11-dev libgtest-dev libgmock-dev
-               libbenchmark-dev zlib1g-dev ffmpeg)
+               libbenchmark-dev zlib1g-dev ffmpeg chromium)
 
 vyra_install_missing() {
   local missing=() pkg

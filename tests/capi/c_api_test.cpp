@@ -376,3 +376,35 @@ TEST(CApi, NoLoadFinishedFrameIsOkWithNaNLaunchTime) {
     EXPECT_EQ(r.baseline.index, 2);
     EXPECT_DOUBLE_EQ(r.baseline.time, 0.1);
 }
+
+TEST(CApi, ReportsAreWrittenAfterTheMeasurementAndTheirFailureIsTheStatus) {
+    TempDir dir;
+    const fs::path rec = writeLaunch(dir);
+    const std::string html = (dir / "r.html").string(), png = (dir / "f.png").string();
+    const std::string unwritable = (dir / "missing" / "r.html").string();
+    struct Case {
+        const char* report;
+        const char* filmstrip;
+        VyraStatus status;
+    } cases[] = {
+        {html.c_str(), png.c_str(), VYRA_OK},
+        {unwritable.c_str(), nullptr, VYRA_ERROR_WRITE},
+        {nullptr, unwritable.c_str(), VYRA_ERROR_WRITE},
+    };
+    for (const Case& c : cases) {
+        VyraSettings s;
+        vyra_default_settings(&s);
+        EXPECT_EQ(s.report_interval_ms, 100.0);
+        s.report_path = c.report;
+        s.filmstrip_path = c.filmstrip;
+        VyraResult r = freshResult();
+        char error[256];
+        EXPECT_EQ(vyra_measure(rec.c_str(), &s, &r, error, sizeof error), c.status) << error;
+        EXPECT_EQ(r.load_finished.index, 3);  // the result is there either way
+        if (c.status != VYRA_OK) {
+            EXPECT_NE(std::strstr(error, "missing"), nullptr) << error;
+        }
+    }
+    EXPECT_EQ(readText(html).rfind("<!DOCTYPE html>", 0), 0u);
+    EXPECT_EQ(readText(png).substr(1, 3), "PNG");
+}

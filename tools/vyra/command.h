@@ -42,6 +42,7 @@ struct Subcommand {
 
 Subcommand AddAnalyseCommand(CLI::App& app);  // analyse.cpp
 Subcommand AddSampleCommand(CLI::App& app);   // sample.cpp
+Subcommand AddCompareCommand(CLI::App& app);  // compare.cpp
 
 }  // namespace vyra::tool
 

@@ -24,7 +24,7 @@ int run(int argc, char** argv) {
     CLI::App app{"vyra: launch time of an app page from a screen recording", "vyra"};
     app.set_version_flag("--version", std::string("vyra ") + vyra_version());
     app.require_subcommand(1);
-    const std::vector<Subcommand> commands = {AddAnalyseCommand(app), AddSampleCommand(app)};
+    const std::vector<Subcommand> commands = {AddAnalyseCommand(app), AddCompareCommand(app), AddSampleCommand(app)};
     try {
         app.parse(argc, argv);
         for (const Subcommand& command : commands) {

@@ -38,6 +38,9 @@ class Settings(ctypes.Structure):
         ("progress_out", ctypes.POINTER(ctypes.c_double)),
         ("frame_times_out", ctypes.POINTER(ctypes.c_double)),
         ("series_capacity", ctypes.c_size_t),
+        ("report_path", ctypes.c_char_p),
+        ("filmstrip_path", ctypes.c_char_p),
+        ("report_interval_ms", ctypes.c_double),
     ]
 
 
