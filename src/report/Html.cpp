@@ -174,6 +174,7 @@ table { border-collapse: collapse; background: #fff; width: 100%; font-variant-n
 th, td { text-align: left; padding: 4px 10px; border-bottom: 1px solid #e3e6eb; }
 .strip { display: flex; gap: 8px; overflow-x: auto; padding: 4px 0 12px; }
 .strip.grid { display: grid; grid-auto-flow: column; grid-template-rows: auto auto; justify-content: start; }
+.strip.grid figure { align-self: start; }
 .strip .name { writing-mode: vertical-rl; transform: rotate(180deg); font-weight: bold; align-self: center; }
 figure.ended { display: flex; align-items: center; justify-content: center; min-width: 60px; cursor: default; }
 figure { margin: 0; flex: none; width: min-content; background: #fff; border-radius: 6px; padding: 4px; box-shadow: 0 1px 2px #0002;
