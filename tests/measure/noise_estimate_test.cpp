@@ -76,11 +76,7 @@ TEST(NoiseEstimate, AGlyphSizeChangeInALosslessFolderIsSeen) {
     EXPECT_EQ(r.visuallyComplete.index, 3);
 }
 
-// Not yet visually complete (100 %): it compares every frame with the last
-// one, and across groups of pictures the coder's drift makes distant frames
-// differ by more than the estimate, which is read from consecutive frames
-// (here at CRF 23 it lands 9 frames late).
-TEST(NoiseEstimate, H264AtCrf23And30MovesNoChangeOrThresholdFrameByMoreThanOneFrame) {
+TEST(NoiseEstimate, H264AtCrf23And30MovesNoKeyFrameByMoreThanOneFrame) {
     TempDir dir;
     vyra::MeasureResult lossless;
     ASSERT_NO_THROW(lossless = vyra::Measure([&] {
@@ -119,9 +115,7 @@ TEST(NoiseEstimate, H264AtCrf23And30MovesNoChangeOrThresholdFrameByMoreThanOneFr
         const vyra::MeasureResult lossy = vyra::Measure(video.string(), {});
         EXPECT_TRUE(lossy.visual.levelToleranceEstimated);
         for (const vyra::KeyFrameField& field : vyra::KeyFrameFields()) {
-            if (field.group != vyra::KeyFrameGroup::VisualProgress || field.member == &vyra::MeasureResult::visuallyComplete) {
-                continue;
-            }
+            if (field.group != vyra::KeyFrameGroup::VisualProgress) continue;
             EXPECT_NEAR((lossy.*field.member).index, (lossless.*field.member).index, 1) << field.label;
         }
     }
