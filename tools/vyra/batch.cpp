@@ -339,16 +339,16 @@ int runBatch(const BatchArgs& args) {
                 PrintError(message);
             }
             shared.messages.clear();
-            const bool over = shared.finished == pending.size() || !shared.writeError.empty();
-            if (over || gInterrupted.load()) break;
             std::string note = shared.failed > 0 ? std::to_string(shared.failed) + " failed" : "";
-            if (shared.finished > 0) {
+            if (shared.finished > 0 && shared.finished < pending.size()) {
                 const double elapsed = std::chrono::duration<double>(Clock::now() - start).count();
                 const double eta = elapsed / static_cast<double>(shared.finished) *
                                    static_cast<double>(pending.size() - shared.finished);
                 note += (note.empty() ? "" : ", ") + etaText(eta);
             }
             bar.UpdateCount(shared.finished, pending.size(), note);
+            const bool over = shared.finished == pending.size() || !shared.writeError.empty();
+            if (over || gInterrupted.load()) break;
             shared.changed.wait_for(lock, std::chrono::milliseconds(250));
         }
     }
