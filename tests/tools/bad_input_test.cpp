@@ -21,6 +21,7 @@
 
 #include "LoadAnalyzer.h"
 #include "VyraMeasure.h"
+#include "cli_support.h"
 #include "fixtures.h"
 #include "measure_args.h"
 #include "media.h"
@@ -29,11 +30,6 @@
 using namespace vyra_test;
 
 namespace {
-
-std::string cliPath() {
-    const char* env = std::getenv("VYRA_CLI");
-    return env != nullptr && *env != '\0' ? env : VYRA_CLI_DEFAULT;
-}
 
 // The exit status the tool documents for each status.
 int exitStatusOf(VyraStatus status) {

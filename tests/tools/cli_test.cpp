@@ -15,6 +15,7 @@
 #include <nlohmann/json.hpp>
 #include <opencv2/imgcodecs.hpp>
 
+#include "cli_support.h"
 #include "fixtures.h"
 #include "vyra.h"
 
@@ -22,20 +23,6 @@ using namespace vyra_test;
 using Json = nlohmann::json;
 
 namespace {
-
-std::string cliPath() {
-    const char* env = std::getenv("VYRA_CLI");
-#ifdef VYRA_CLI_DEFAULT
-    return env != nullptr && *env != '\0' ? env : VYRA_CLI_DEFAULT;
-#else
-    return env != nullptr ? env : "vyra";
-#endif
-}
-
-ProcessResult runVyra(std::vector<std::string> args, const fs::path& cwd = {}, bool terminal = false) {
-    args.insert(args.begin(), cliPath());
-    return runProcess(args, cwd, terminal);
-}
 
 // The ground truth `vyra sample` prints.
 struct Truth {

@@ -25,21 +25,11 @@ struct AnalyseArgs {
     bool quiet = false;
 };
 
-// True when @p text can be a JSON string: valid UTF-8.
-bool isJsonText(const std::string& text) {
-    try {
-        static_cast<void>(Json(text).dump());
-        return true;
-    } catch (const Json::type_error&) {
-        return false;
-    }
-}
-
 int runAnalyse(const AnalyseArgs& args) {
     MeasureOptions options = ToMeasureOptions(args.measure);
     options.saveFramesDir = args.saveFrames;
     options.report.collect = !args.report.empty() || !args.filmstrip.empty();
-    if (args.json && !isJsonText(args.recording)) {
+    if (args.json && !IsJsonText(args.recording)) {
         PrintError("the recording's path is not valid UTF-8, which a JSON document cannot carry; rename it or "
                    "leave out --json");
         return kExitUsage;
