@@ -8,7 +8,8 @@ VYRA_JOBS=${VYRA_JOBS:-$(nproc)}
 # Debian packages the build, the tests and the tools need.
 VYRA_PACKAGES=(build-essential cmake pkg-config python3 libopencv-dev libavformat-dev libavcodec-dev
                libavutil-dev libswscale-dev nlohmann-json3-dev libcli11-dev libgtest-dev libgmock-dev
-               libbenchmark-dev zlib1g-dev ffmpeg)
+               libbenchmark-dev zlib1g-dev ffmpeg
+               python3-setuptools python3-wheel python3-pip python3-venv python3-distributed)
 
 vyra_install_missing() {
   local missing=() pkg
