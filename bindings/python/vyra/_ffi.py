@@ -128,7 +128,7 @@ def _candidates():
     yield "libvyra.so"
     libdir = _pkg_config_libdir()
     if libdir:
-        yield os.path.join(libdir, "libvyra.so.0")
+        yield os.path.join(os.path.normpath(libdir), "libvyra.so.0")
 
 
 def load():
