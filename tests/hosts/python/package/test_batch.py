@@ -98,6 +98,7 @@ class DaskCluster(unittest.TestCase):
         self.cluster = distributed.LocalCluster(n_workers=2, threads_per_worker=1, processes=True,
                                                 host="127.0.0.1", dashboard_address=None)
         self.client = distributed.Client(self.cluster)
+        self.client.wait_for_workers(2)
 
     def tearDown(self):
         self.client.close()
