@@ -1,14 +1,17 @@
 """Python binding of libvyra: launch time of an app page from a screen recording.
 
-Only the standard library is used (ctypes). The shared library is found in
-this order: the path in the environment variable VYRA_LIBRARY; the name
-ctypes.util.find_library("vyra") returns; the names "libvyra.so.0" and
-"libvyra.so" as the dynamic loader resolves them.
+Only the standard library is used (ctypes). The shared library is loaded
+once per process, on first use (importing vyra loads nothing), from the path
+in the environment variable VYRA_LIBRARY when it is set; else from the name
+ctypes.util.find_library("vyra") returns, or "libvyra.so.0" and "libvyra.so"
+as the dynamic loader resolves them; else from the libdir that pkg-config
+reports for "vyra". LibraryNotFoundError (an ImportError) lists what was tried.
 
     import vyra
     m = vyra.measure("launch.mp4")            # timed by the video's timestamps
     print(m.launch_time, m.load_finished.index, m.load_finished.time)
     m = vyra.measure("frames/", fps=30, ignore=[(0, 0, 1080, 80)])
+    results = vyra.batch(["a.mp4", "b.mp4"])  # many, on a process pool or a Dask client
 
 measure() raises vyra.VyraError (with .status, .status_name and .message)
 for bad input. A recording in which no load-finished frame was found is not
@@ -114,8 +117,8 @@ _measurement_lock = threading.Lock()
 
 def _measurement_type():
     """Measurement's key frames come from the library's table, so the class is
-    made when it is first needed, which loads the library: importing vyra alone
-    does not (a process that only hands recordings to workers needs no library)."""
+    made when it is first needed (a measurement, or unpickling one), which loads
+    the library."""
     with _measurement_lock:
         cls = globals().get("Measurement")
         if cls is None:
@@ -257,7 +260,7 @@ def _run(path, settings, progress):
     result.struct_size = ctypes.sizeof(_ffi.Result)
     error = ctypes.create_string_buffer(1024)
     status = _ffi.library().vyra_measure(os.fsencode(path), ctypes.byref(settings), ctypes.byref(result),
-                               error, ctypes.sizeof(error))
+                                         error, ctypes.sizeof(error))
     return result, error, status, raised
 
 
