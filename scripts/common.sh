@@ -10,7 +10,8 @@ VYRA_JOBS=${VYRA_JOBS:-$(nproc)}
 # Chromium: the browser test of the HTML report).
 VYRA_PACKAGES=(build-essential cmake pkg-config libopencv-dev libavformat-dev libavcodec-dev
                libavutil-dev libswscale-dev nlohmann-json3-dev libcli11-dev)
-VYRA_TEST_PACKAGES=(python3 libgtest-dev libgmock-dev zlib1g-dev ffmpeg chromium)
+VYRA_TEST_PACKAGES=(python3 libgtest-dev libgmock-dev zlib1g-dev ffmpeg chromium
+                    python3-setuptools python3-wheel python3-pip python3-venv python3-distributed)
 
 vyra_install_missing() {
   local missing=() pkg
