@@ -98,6 +98,7 @@ def _measurement_class():
         ("feature_matching_count", int),
         ("speed_index_ms", float),       # area above the visual progress curve, ms
         ("noise_tolerance", int),        # the noise tolerance the measures used
+        ("noise_tolerance_estimated", bool),  # True when it was read from the recording ("auto")
         # (index, time in s, progress) of every frame when measure(progress_series=True), else ()
         ("progress_series", Tuple[Tuple[int, float, float], ...]),
     ]
@@ -143,7 +144,7 @@ def abi_version() -> int:
 
 
 def _region(value: Sequence[int]) -> _ffi.Region:
-    x, y, w, h = (int(v) for v in value)
+    x, y, w, h = (_int32(v, "a region's coordinate") for v in value)
     return _ffi.Region(x, y, w, h)
 
 
@@ -162,10 +163,29 @@ def _name(table, number):
     return next(name for name, value in table.items() if value == number)
 
 
+_INT32 = (-2**31, 2**31 - 1)
+
+
+def _int32(value, what):
+    """@value as an int of a C int32_t field; ValueError instead of a silent wrap."""
+    number = int(value)
+    if not _INT32[0] <= number <= _INT32[1]:
+        raise ValueError(f"{what} must lie in {_INT32[0]}..{_INT32[1]}, not {value!r}")
+    return number
+
+
+def _path_bytes(path, what):
+    """@path as the bytes of a C string; ValueError for a NUL inside it."""
+    data = os.fsencode(path)
+    if b"\0" in data:
+        raise ValueError(f"{what} contains a NUL byte")
+    return data
+
+
 def _check(launch_time, noise_tolerance):
     """The ValueErrors of measure() that need no recording."""
-    if not 0 <= int(noise_tolerance) <= 255:
-        raise ValueError(f"noise_tolerance must lie in 0..255, not {noise_tolerance!r}")
+    if noise_tolerance != "auto" and not (isinstance(noise_tolerance, int) and 0 <= noise_tolerance <= 255):
+        raise ValueError(f"noise_tolerance must be 'auto' or an int in 0..255, not {noise_tolerance!r}")
     _choice(_LAUNCH_TIME, launch_time, "launch_time")
 
 
@@ -174,7 +194,8 @@ def measure(path, *, fps: Optional[float] = None, start: int = 0, end: int = 0, 
             ignore: Iterable[Sequence[int]] = (), launch_time: str = "frame",
             save_frames: Optional[str] = None,
             progress: Optional[Callable[[str, int, int], None]] = None,
-            noise_tolerance: int = 20, progress_series: bool = False) -> Measurement:
+            noise_tolerance="auto", progress_series: bool = False, report: Optional[str] = None,
+            filmstrip: Optional[str] = None, report_interval_ms: float = 100.0) -> Measurement:
     """Measures the recording at @path (a video file or a folder of PNG frames).
 
     fps: None times frames by their timestamps (video presentation times, or
@@ -186,11 +207,17 @@ def measure(path, *, fps: Optional[float] = None, start: int = 0, end: int = 0, 
     progress(stage, done, total): stage is "decoding" or "analysing"; an
     exception it raises stops nothing but is raised again once the
     measurement returns.
-    noise_tolerance: levels (0..255) by which an 8x8 block's mean colour may
-    move between frames without counting as a visual change.
+    noise_tolerance: "auto" (read from the recording: 0 for frame folders and
+    lossless video, the coding noise of lossy video) or levels (0..255) by
+    which an 8x8 block's mean colour may move between frames without counting
+    as a visual change.
     progress_series: also return every frame's (index, time, progress).
-    Raises VyraError on bad input, ValueError for an unknown launch_time or a
-    noise_tolerance outside 0..255.
+    report / filmstrip: also write the launch report (one self-contained HTML
+    file) / its filmstrip as a PNG contact sheet there; report_interval_ms:
+    the filmstrip's step.
+    Raises VyraError on bad input (also when a report cannot be written),
+    ValueError for an unknown launch_time, a noise_tolerance that is neither
+    "auto" nor in 0..255, an integer beyond int32 or a path with a NUL byte.
     """
     _check(launch_time, noise_tolerance)
     settings = _ffi.Settings()
@@ -198,8 +225,8 @@ def measure(path, *, fps: Optional[float] = None, start: int = 0, end: int = 0, 
     if fps is not None:
         settings.timing = _TIMING["frame-rate"]
         settings.fps = float(fps)
-    settings.start = int(start)
-    settings.end = int(end)
+    settings.start = _int32(start, "start")
+    settings.end = _int32(end, "end")
     settings.page_type = _PAGE["dynamic" if dynamic else "static"]
     settings.stable_baseline = 1 if stable_baseline else 0
     if crop is not None:
@@ -212,8 +239,13 @@ def measure(path, *, fps: Optional[float] = None, start: int = 0, end: int = 0, 
         settings.ignore_count = len(regions)
     settings.launch_time_mode = _choice(_LAUNCH_TIME, launch_time, "launch_time")
     if save_frames is not None:
-        settings.save_frames_dir = os.fsencode(save_frames)
-    settings.noise_tolerance = int(noise_tolerance)
+        settings.save_frames_dir = _path_bytes(save_frames, "save_frames")
+    settings.noise_tolerance = -1 if noise_tolerance == "auto" else noise_tolerance
+    if report is not None:
+        settings.report_path = _path_bytes(report, "report")
+    if filmstrip is not None:
+        settings.filmstrip_path = _path_bytes(filmstrip, "filmstrip")
+    settings.report_interval_ms = float(report_interval_ms)
     capacity = _SERIES_CAPACITY if progress_series else 0
     while True:
         values, times = _attach_series(settings, capacity)
@@ -228,7 +260,7 @@ def measure(path, *, fps: Optional[float] = None, start: int = 0, end: int = 0, 
                         error.value.decode(errors="replace"))
     series = tuple((k, float(times[k]), float(values[k])) for k in range(int(result.frame_count))) \
         if progress_series else ()
-    return _measurement(result, int(noise_tolerance), series)
+    return _measurement(result, series)
 
 
 def _attach_series(settings, capacity):
@@ -259,12 +291,12 @@ def _run(path, settings, progress):
     result = _ffi.Result()
     result.struct_size = ctypes.sizeof(_ffi.Result)
     error = ctypes.create_string_buffer(1024)
-    status = _ffi.library().vyra_measure(os.fsencode(path), ctypes.byref(settings), ctypes.byref(result),
+    status = _ffi.library().vyra_measure(_path_bytes(path, "path"), ctypes.byref(settings), ctypes.byref(result),
                                          error, ctypes.sizeof(error))
     return result, error, status, raised
 
 
-def _measurement(result, noise_tolerance, series) -> Measurement:
+def _measurement(result, series) -> Measurement:
     keys = {field.key: _key(result, field.offset) for field in _ffi.key_frame_fields()}
     return _measurement_type()(
         launch_time=float(result.launch_time),
@@ -282,7 +314,8 @@ def _measurement(result, noise_tolerance, series) -> Measurement:
         first_non_blank_object_count=int(result.first_non_blank_object_count),
         feature_matching_count=int(result.feature_matching_count),
         speed_index_ms=float(result.speed_index_ms),
-        noise_tolerance=noise_tolerance,
+        noise_tolerance=int(result.noise_tolerance),
+        noise_tolerance_estimated=bool(result.noise_tolerance_estimated),
         progress_series=series,
         **keys,
     )
