@@ -4,13 +4,13 @@
 #include <unistd.h>
 
 #include <cmath>
-#include <cstdio>
 #include <memory>
 #include <string>
 
 #include "VyraLaunchReport.h"
 #include "command.h"
 #include "measure_args.h"
+#include "output.h"
 #include "progress_bar.h"
 
 namespace vyra::tool {
@@ -25,32 +25,17 @@ struct CompareArgs {
     bool quiet = false;
 };
 
-std::string seconds(double value) {
-    if (std::isnan(value)) return "-";
-    char text[32];
-    std::snprintf(text, sizeof text, "%.3f", value);
-    return text;
-}
-
 std::string row(const char* name, double a, double b) {
-    char text[160];
-    std::string difference = "-";
-    if (!std::isnan(a) && !std::isnan(b)) {
-        char signed_[32];
-        std::snprintf(signed_, sizeof signed_, "%+.3f", b - a);
-        difference = signed_;
-    }
-    std::snprintf(text, sizeof text, "%-16s %10s %10s %10s\n", name, seconds(a).c_str(), seconds(b).c_str(),
+    const std::string difference = std::isnan(a) || std::isnan(b) ? "-" : Format("%+.3f", b - a);
+    return Format("%-16s %10s %10s %10s\n", name, SecondsText(a).c_str(), SecondsText(b).c_str(),
                   difference.c_str());
-    return text;
 }
 
 // The key times of both, one row each: launch time, every key frame, speed index.
 std::string comparisonText(const CompareArgs& args, const MeasureResult& a, const MeasureResult& b) {
     std::string text = "a: " + args.a + "\nb: " + args.b + "\n";
-    char header[160];
-    std::snprintf(header, sizeof header, "%-16s %10s %10s %10s\n", "key time (s)", "a", "b", "b - a");
-    text += header + row("launch time", a.launchTime, b.launchTime);
+    text += Format("%-16s %10s %10s %10s\n", "key time (s)", "a", "b", "b - a") +
+            row("launch time", a.launchTime, b.launchTime);
     for (const KeyFrameField& field : KeyFrameFields()) {
         text += row(field.label, (a.*field.member).time, (b.*field.member).time);
     }
