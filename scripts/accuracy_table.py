@@ -67,7 +67,7 @@ def block_means(path, size):
         cmd += ["-f", "image2", "-pattern_type", "glob", "-i", f"{path}/*.png"]
     else:
         cmd += ["-i", path]
-    cmd += ["-fps_mode", "passthrough", "-f", "rawvideo", "-pix_fmt", "rgb24", "-"]
+    cmd += ["-fps_mode", "passthrough", "-enc_time_base", "1:1000", "-f", "rawvideo", "-pix_fmt", "rgb24", "-"]
     proc = subprocess.Popen(cmd, stdout=subprocess.PIPE)
     frame_bytes = width * height * 3
     means = []
@@ -115,6 +115,8 @@ def miss_detail(rec_dir, form_path, truth, size, measure, ours, expected, tolera
     last = truth["frame_count"] - 1
     pairs = {"first": lambda k: (0, k), "last": lambda k: (k - 1, k), "complete": lambda k: (k - 1, last)}[measure]
     means = block_means(os.path.join(rec_dir, form_path), size)
+    if len(means) != truth["frame_count"]:
+        raise SystemExit(f"{rec_dir} {form_path}: decoded {len(means)} frames of {truth['frame_count']}")
     lines = []
     for label, k in (("ours", ours), ("truth", expected)):
         a, b = pairs(k)
@@ -165,8 +167,10 @@ def main():
     lines = [BEGIN, ""]
     commit = subprocess.run(["git", "-C", os.path.dirname(os.path.abspath(__file__)), "describe", "--always",
                              "--dirty"], capture_output=True, text=True).stdout.strip()
+    corpus_s = float(os.environ.get("VYRA_CORPUS_SECONDS", "0"))
     lines.append(f"Measured {time.strftime('%Y-%m-%d')} with `vyra` built from {commit}, "
-                 f"{len(names)} recordings; scripts/accuracy took {{RUNTIME}}.")
+                 f"{len(names)} recordings; scripts/accuracy took {{RUNTIME}}, of which "
+                 f"{corpus_s / 60:.1f} min recording the corpus or checking that it was there.")
     lines.append("")
 
     # Recordings.
