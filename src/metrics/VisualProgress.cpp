@@ -21,6 +21,11 @@ constexpr int kChannels = 3;
 constexpr double kNoiseSpread = 0.01;
 constexpr int kNoiseCeiling = 32;
 
+// The least an estimate gives: a lossy coder keeps moving a few block means
+// by some levels (text under B and P frames, a picture settling after it
+// appeared) over too little of the frame to be taken for noise above.
+constexpr int kNoiseFloor = 4;
+
 using Histogram = std::array<std::uint32_t, kChannels * kBins>;  // B, G, R
 
 // How two frames differ, for every level tolerance at once:
@@ -294,7 +299,7 @@ int SettlingLevel(const ChangeLevels& levels, std::uint64_t pixels, double areaT
 // tolerance" in the header): the largest settling level of the frame pairs
 // that changed a little over much of the frame and nowhere a lot.
 int EstimateLevelTolerance(const std::vector<FrameRecord>& frames, double areaTolerance) {
-    int tolerance = 0;
+    int tolerance = kNoiseFloor;
     for (size_t k = 1; k < frames.size(); ++k) {
         const ChangeLevels& levels = frames[k].sincePrevious;
         const std::uint64_t pixels = frames[k].pixels;
@@ -488,8 +493,9 @@ VisualProgress VisualProgressTracker::Finish() const {
     complete(0.99, result.visuallyComplete99, result.visuallyComplete99Ms);
     // An estimate is read from consecutive frames; a frame and the last one
     // may lie groups of pictures apart, where the coder's drift adds up:
-    // they are compared at twice the estimate.
-    result.visuallyComplete = lastLikeEnd(result.levelToleranceEstimated ? std::min(255, 2 * tolerance) : tolerance);
+    // they are compared with kNoiseFloor levels more.
+    result.visuallyComplete =
+        lastLikeEnd(result.levelToleranceEstimated ? std::min(255, tolerance + kNoiseFloor) : tolerance);
     result.visuallyCompleteMs = TimeOf(result.timesMs, result.visuallyComplete);
     result.speedIndexMs = SpeedIndexMs(result.timesMs, result.progress, result.lastVisualChange);
     return result;
