@@ -44,13 +44,13 @@ cv::Mat solidFrame(int width, int height, cv::Scalar bgr) {
     return cv::Mat(height, width, CV_8UC3, bgr);
 }
 
-cv::Mat texturedFrame(int width, int height, unsigned seed) {
+cv::Mat texturedFrame(int width, int height, unsigned seed, int offset) {
     std::mt19937 rng(seed);
     std::uniform_int_distribution<int> colour(0, 255);
     cv::Mat frame(height, width, CV_8UC3, cv::Scalar(128, 128, 128));
     const int block = 8;
-    for (int y = 0; y < height; y += block) {
-        for (int x = 0; x < width; x += block) {
+    for (int y = -offset; y < height; y += block) {
+        for (int x = -offset; x < width; x += block) {
             cv::rectangle(frame, cv::Rect(x, y, block, block),
                           cv::Scalar(colour(rng), colour(rng), colour(rng)), cv::FILLED);
         }
@@ -226,23 +226,39 @@ std::vector<cv::Mat> launchSequence() {
 }
 
 double referencePsnr(const cv::Mat& a, const cv::Mat& b) {
-    if (a.size() != b.size() || a.type() != CV_8UC3 || b.type() != CV_8UC3) {
-        throw std::invalid_argument("referencePsnr: two 8-bit BGR frames of one size expected");
+    if (a.size() != b.size() || a.type() != b.type() || a.depth() != CV_8U) {
+        throw std::invalid_argument("referencePsnr: two 8-bit frames of one size and type expected");
     }
-    double sse = 0.0;
+    const int channels = a.channels();
+    uint64_t sse = 0;
     for (int y = 0; y < a.rows; ++y) {
-        const unsigned char* pa = a.ptr<unsigned char>(y);
-        const unsigned char* pb = b.ptr<unsigned char>(y);
-        for (int x = 0; x < a.cols * 3; ++x) {
-            const double d = static_cast<double>(pa[x]) - static_cast<double>(pb[x]);
-            sse += d * d;
+        for (int x = 0; x < a.cols * channels; ++x) {
+            const int64_t d = int64_t(a.ptr<uchar>(y)[x]) - int64_t(b.ptr<uchar>(y)[x]);
+            sse += x % channels < 3 ? uint64_t(d * d) : 0;
         }
     }
-    if (sse == 0.0) {
-        return 99.99;
+    if (sse == 0) return 99.99;
+    return 10.0 * std::log10(65025.0 / (double(sse) / (double(channels) * a.rows * a.cols)));
+}
+
+std::vector<cv::Mat> scrollingFrames(int count, int width, int height, int shift, unsigned seed) {
+    const int stripWidth = width + (count - 1) * shift;
+    cv::Mat strip(height, stripWidth, CV_8UC3, cv::Scalar(235, 235, 235));
+    std::mt19937 rng(seed);
+    std::uniform_int_distribution<int> colour(0, 200), size(4, 14), x(0, stripWidth - 1), y(0, height - 1);
+    for (int k = 0; k < stripWidth * height / 150; ++k) {
+        const cv::Scalar bgr(colour(rng), colour(rng), colour(rng));
+        const cv::Point origin(x(rng), y(rng));
+        const int w = size(rng), h = size(rng);
+        if (k % 2 == 0) {
+            cv::circle(strip, origin, w / 2 + 1, bgr, cv::FILLED, cv::LINE_8);
+        } else {
+            cv::rectangle(strip, cv::Rect(origin.x, origin.y, w, h), bgr, cv::FILLED, cv::LINE_8);
+        }
     }
-    const double mse = sse / (3.0 * a.rows * a.cols);
-    return 10.0 * std::log10(255.0 * 255.0 / mse);
+    std::vector<cv::Mat> frames;
+    for (int k = 0; k < count; ++k) frames.push_back(strip.colRange(k * shift, k * shift + width).clone());
+    return frames;
 }
 
 std::string streamText(double value) {

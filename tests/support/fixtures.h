@@ -48,9 +48,16 @@ private:
 // A BGR frame of one colour.
 cv::Mat solidFrame(int width, int height, cv::Scalar bgr = cv::Scalar(255, 255, 255));
 
-// A BGR frame filled with deterministic pseudo-random blocks (seeded), rich
-// in edges and ORB features.
-cv::Mat texturedFrame(int width, int height, unsigned seed);
+// A BGR frame of 8x8 blocks of pseudo-random colours (seeded), rich in edges
+// and ORB features; with an @p offset the block grid starts that many pixels
+// up and left of the frame, so its boxes meet no box of an unshifted frame.
+cv::Mat texturedFrame(int width, int height, unsigned seed, int offset = 0);
+
+// @p count windows of @p width x @p height moving @p shift px to the right a
+// frame along one strip of seeded random shapes. About 72 px high, ORB finds
+// keypoints on the full-resolution level only, so every keypoint that stays
+// in view moves by exactly (shift, 0).
+std::vector<cv::Mat> scrollingFrames(int count, int width, int height, int shift, unsigned seed);
 
 // Writes frames[k] as dir/names[k] (PNG). The two lists have equal length.
 void writePngFolder(const fs::path& dir, const std::vector<std::string>& names,
@@ -134,8 +141,9 @@ cv::Mat loadedPageFrame(int width, int height);
 // (the search starts at 3, which has all objects outside the centre).
 std::vector<cv::Mat> launchSequence();
 
-// PSNR of two 8-bit frames of equal size, computed directly from the bytes:
-// 99.99 when identical, else 10 log10(255^2 / mean squared difference).
+// PSNR of two 8-bit frames of one size and type, written out directly: the
+// squared differences of the first three channels summed in integers over
+// channels * pixels; 99.99 when they are equal.
 double referencePsnr(const cv::Mat& a, const cv::Mat& b);
 
 // A number as std::ostream prints it by default (six significant digits).
