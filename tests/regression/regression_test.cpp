@@ -25,7 +25,6 @@
 #include "LoadAnalyzer.h"
 #include "VyraAnalyzer.h"
 #include "VyraMeasure.h"
-#include "capture.h"
 #include "fixtures.h"
 #include "VyraSample.h"
 

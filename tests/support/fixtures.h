@@ -7,8 +7,10 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
+#include <gtest/gtest.h>
 #include <opencv2/core.hpp>
 
 #include "VyraImage.h"
@@ -77,6 +79,32 @@ bool writeVideo(const fs::path& file, const std::vector<cv::Mat>& frames, double
 
 // Number of frames cv::VideoCapture reads from a file.
 int countVideoFrames(const fs::path& file);
+
+// Runs @p action with standard output and standard error captured (at the
+// file descriptors); its result and the text written to each.
+template <typename T>
+struct Captured {
+    T value;
+    std::string out;
+    std::string err;
+};
+
+template <typename Action>
+auto captureConsole(Action&& action) -> Captured<decltype(action())> {
+    testing::internal::CaptureStdout();
+    testing::internal::CaptureStderr();
+    auto value = std::forward<Action>(action)();
+    std::string out = testing::internal::GetCapturedStdout();
+    return {std::move(value), std::move(out), testing::internal::GetCapturedStderr()};
+}
+
+// What @p action writes to standard output.
+template <typename Action>
+std::string stdoutOf(Action&& action) {
+    testing::internal::CaptureStdout();
+    std::forward<Action>(action)();
+    return testing::internal::GetCapturedStdout();
+}
 
 // Whole content of a text file ("" when missing).
 std::string readText(const fs::path& file);
