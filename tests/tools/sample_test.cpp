@@ -381,7 +381,7 @@ TEST(SampleVideo, VideoHoldsEveryFrameAndAnalysesWithinOneFrame) {
         const path video = dir / file;
         const SampleOptions o = Options(180, 320, 2.0, 10, 3);
         const SampleTruth t = vyra::sample::WriteSampleVideo(video.string(), o);
-        EXPECT_EQ(vyra_test::countVideoFrames(video), t.frameCount) << file;
+        EXPECT_EQ(vyra_test::readVideoFrames(video).size(), static_cast<size_t>(t.frameCount)) << file;
         std::vector<cv::Mat> frames = vyra_test::readVideoFrames(video);
         ASSERT_EQ(frames.size(), static_cast<size_t>(t.frameCount)) << file;
         const vyra::AnalysisResult r = AnalyseLikeTheDriver(frames);
