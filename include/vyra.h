@@ -138,6 +138,16 @@ typedef struct VyraSettings {
                                        receives the same frames' times, seconds from the range's
                                        first frame. Default NULL */
     size_t series_capacity;       /**< entries each non-NULL buffer above can hold. Default 0 */
+    /* ---- appended: reports (VyraLaunchReport.h) ---- */
+    const char* report_path;      /**< borrowed; NULL or "": no report. Otherwise the launch report,
+                                       one self-contained HTML file, is written there once the
+                                       measurement succeeded. When it cannot be written the call
+                                       returns that error (VYRA_ERROR_WRITE, ...) with the result
+                                       filled. Default NULL */
+    const char* filmstrip_path;   /**< borrowed; NULL or "": none. Otherwise the filmstrip as one PNG
+                                       contact sheet, written like report_path. Default NULL */
+    double report_interval_ms;    /**< ms between the filmstrip's pictures, above 0 (used only with
+                                       report_path or filmstrip_path). Default 100 */
 } VyraSettings;
 
 /** One key frame: its index in the range (-1: not found) and its time in
@@ -229,7 +239,10 @@ VYRA_API const char* vyra_status_string(VyraStatus status);
  * @param path       borrowed, NUL-terminated: a folder of PNG frames, or a video file.
  * @param settings   borrowed; NULL means the defaults of vyra_default_settings().
  * @param result     owned by the caller; struct_size must be set and cover at
- *                   least struct_size and status. Filled on success and error alike.
+ *                   least struct_size and status. Filled on success and error alike:
+ *                   after an error every field holds its "nothing found" value (-1,
+ *                   NaN, 0), except when only writing settings->report_path or
+ *                   filmstrip_path failed, where it holds the measurement.
  * @param error      caller's buffer for a one-line English message, NUL-terminated
  *                   and cut to @p error_size; "" on success. May be NULL.
  * @param error_size size of @p error in bytes (0: nothing is written).

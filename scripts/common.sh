@@ -5,10 +5,13 @@ set -euo pipefail
 VYRA_ROOT=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 VYRA_JOBS=${VYRA_JOBS:-$(nproc)}
 
-# Debian packages the build, the tests and the tools need.
-VYRA_PACKAGES=(build-essential cmake pkg-config python3 libopencv-dev libavformat-dev libavcodec-dev
-               libavutil-dev libswscale-dev nlohmann-json3-dev libcli11-dev libgtest-dev libgmock-dev
-               libbenchmark-dev zlib1g-dev ffmpeg)
+# Debian packages the library and the vyra tool need; scripts that build the
+# tests or the benchmarks add theirs (VYRA_TEST_PACKAGES, libbenchmark-dev;
+# Chromium: the browser test of the HTML report).
+VYRA_PACKAGES=(build-essential cmake pkg-config libopencv-dev libavformat-dev libavcodec-dev
+               libavutil-dev libswscale-dev nlohmann-json3-dev libcli11-dev)
+VYRA_TEST_PACKAGES=(python3 libgtest-dev libgmock-dev zlib1g-dev ffmpeg chromium
+                    python3-setuptools python3-wheel python3-pip python3-venv python3-distributed)
 
 vyra_install_missing() {
   local missing=() pkg

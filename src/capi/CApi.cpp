@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "VyraLaunchReport.h"
 #include "VyraMeasure.h"
 #include "measure/KeyFrames.h"
 
@@ -68,6 +69,8 @@ int rawValue(const Enum& field) {
     return value;
 }
 
+std::string text(const char* borrowed) { return borrowed != nullptr ? borrowed : ""; }
+
 vyra::Region toRegion(const VyraRegion& r) { return vyra::Region{r.x, r.y, r.width, r.height}; }
 
 vyra::MeasureOptions toOptions(const VyraSettings& s) {
@@ -102,8 +105,10 @@ vyra::MeasureOptions toOptions(const VyraSettings& s) {
     for (size_t k = 0; k < s.ignore_count; ++k) {
         options.ignore.push_back(toRegion(s.ignore[k]));
     }
-    options.saveFramesDir = s.save_frames_dir != nullptr ? s.save_frames_dir : "";
+    options.saveFramesDir = text(s.save_frames_dir);
     options.visualProgress.levelTolerance = s.noise_tolerance;
+    options.report.collect = !text(s.report_path).empty() || !text(s.filmstrip_path).empty();
+    options.report.intervalMs = s.report_interval_ms;
     if (s.progress != nullptr) {
         const VyraProgressCallback callback = s.progress;
         void* const user = s.progress_user;
@@ -175,7 +180,9 @@ void publish(VyraResult* result, VyraResult full) {
     std::memcpy(result, &full, size);
 }
 
-VyraStatus measure(const char* path, const VyraSettings* settings, VyraResult& full, char* error,
+// Measures into @p full; @p filled tells whether it holds the measurement
+// (also when only writing a report failed afterwards).
+VyraStatus measure(const char* path, const VyraSettings* settings, VyraResult& full, bool& filled, char* error,
                    size_t errorSize) {
     try {
         if (path == nullptr) {
@@ -185,6 +192,9 @@ VyraStatus measure(const char* path, const VyraSettings* settings, VyraResult& f
         const vyra::MeasureResult measured = vyra::Measure(path, toOptions(given));
         fillResult(full, measured);
         fillSeries(given, measured);
+        filled = true;
+        if (!text(given.report_path).empty()) vyra::WriteReport(given.report_path, measured, path);
+        if (!text(given.filmstrip_path).empty()) vyra::WriteFilmstrip(given.filmstrip_path, measured);
         writeError(error, errorSize, "");
         return VYRA_OK;
     } catch (const vyra::MeasureError& e) {
@@ -229,6 +239,9 @@ void vyra_default_settings(VyraSettings* settings) {
     settings->progress_out = nullptr;
     settings->frame_times_out = nullptr;
     settings->series_capacity = 0;
+    settings->report_path = nullptr;
+    settings->filmstrip_path = nullptr;
+    settings->report_interval_ms = vyra::kDefaultReportIntervalMs;
 }
 
 const char* vyra_status_string(VyraStatus status) {
@@ -248,8 +261,9 @@ VyraStatus vyra_measure(const char* path, const VyraSettings* settings, VyraResu
         return VYRA_ERROR_INVALID_ARGUMENT;
     }
     VyraResult full = emptyResult();
-    full.status = measure(path, settings, full, error, error_size);
-    if (full.status != VYRA_OK) {
+    bool filled = false;
+    full.status = measure(path, settings, full, filled, error, error_size);
+    if (!filled) {
         const VyraStatus status = full.status;
         full = emptyResult();
         full.status = status;

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <new>
 #include <set>
 #include <sstream>
 #include <utility>
@@ -128,6 +129,15 @@ private:
     detail::FrameReloader& reloader_;
 };
 
+// An OpenCV failure as the library reports it: running out of memory is
+// VYRA_ERROR_NO_MEMORY, anything else an internal error.
+MeasureError openCvError(const cv::Exception& e, const std::string& context) {
+    if (e.code == cv::Error::StsNoMem) {
+        return MeasureError(VYRA_ERROR_NO_MEMORY, "out of memory: " + context + e.what());
+    }
+    return MeasureError(VYRA_ERROR_INTERNAL, context + e.what());
+}
+
 // The frames a report pictures of the analysis: every key frame, once, in
 // index order; and for the static analysis every frame's object count and
 // content level (detected now where the analysis did not need them).
@@ -199,7 +209,7 @@ Analysed analyse(const std::string& path, const detail::Intake& intake, const Me
                     reportMaterial(analyzer, sets, analysed.analysis, intake, stored, reloader, options);
             }
         } catch (const cv::Exception& e) {
-            throw MeasureError(VYRA_ERROR_INTERNAL, std::string("the analysis failed: ") + e.what());
+            throw openCvError(e, "the analysis failed: ");
         }
     }
     detail::ReportProgress(options, MeasureStage::Analysing, 1, 1);
@@ -269,6 +279,10 @@ MeasureResult Measure(const std::string& path, const MeasureOptions& options) {
         return measure(path, options);
     } catch (const detail::RecordingError& e) {
         throw MeasureError(e.status(), e.what());
+    } catch (const cv::Exception& e) {
+        throw openCvError(e, "");
+    } catch (const std::bad_alloc&) {
+        throw MeasureError(VYRA_ERROR_NO_MEMORY, "out of memory");
     }
 }
 

@@ -486,7 +486,10 @@ VisualProgress VisualProgressTracker::Finish() const {
     complete(0.85, result.visuallyComplete85, result.visuallyComplete85Ms);
     complete(0.95, result.visuallyComplete95, result.visuallyComplete95Ms);
     complete(0.99, result.visuallyComplete99, result.visuallyComplete99Ms);
-    result.visuallyComplete = lastLikeEnd(tolerance);
+    // An estimate is read from consecutive frames; a frame and the last one
+    // may lie groups of pictures apart, where the coder's drift adds up:
+    // they are compared at twice the estimate.
+    result.visuallyComplete = lastLikeEnd(result.levelToleranceEstimated ? std::min(255, 2 * tolerance) : tolerance);
     result.visuallyCompleteMs = TimeOf(result.timesMs, result.visuallyComplete);
     result.speedIndexMs = SpeedIndexMs(result.timesMs, result.progress, result.lastVisualChange);
     return result;

@@ -16,6 +16,7 @@ extern "C" {
 }
 
 #include "recording/FfmpegSupport.h"
+#include "recording/FileWriting.h"
 
 namespace vyra { namespace detail {
 
@@ -444,61 +445,6 @@ PacketPtr EncodePng(const cv::Mat& image, const std::string& path) {
 
 // --- Files ---------------------------------------------------------------------
 
-[[noreturn]] void ThrowWriteError(const std::string& path, const char* step, int error) {
-    throw RecordingError(VYRA_ERROR_WRITE, "cannot write PNG '" + path + "': " + step + ": " + std::strerror(error));
-}
-
-// A new file next to `path` (same folder, hence same filesystem for the
-// rename), created exclusively with the usual permissions (0666 less the
-// umask). Removed on destruction unless Commit() renamed it into place.
-class TemporaryFile {
-public:
-    explicit TemporaryFile(const std::string& path) : target_(path) {
-        std::random_device random;
-        for (int attempt = 0; attempt < 16; ++attempt) {
-            char suffix[40];
-            std::snprintf(suffix, sizeof suffix, ".tmp-%08x%08x", unsigned(random()), unsigned(random()));
-            std::string candidate = path + suffix;
-            int fd = ::open(candidate.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
-            if (fd >= 0) {
-                fd_ = UniqueFd(fd);
-                name_ = candidate;
-                return;
-            }
-            if (errno != EEXIST) ThrowWriteError(target_, "cannot create a file", errno);
-        }
-        ThrowWriteError(target_, "cannot create a file", EEXIST);
-    }
-    ~TemporaryFile() {
-        if (!name_.empty()) ::unlink(name_.c_str());
-    }
-    TemporaryFile(const TemporaryFile&) = delete;
-    TemporaryFile& operator=(const TemporaryFile&) = delete;
-
-    void Write(const uint8_t* data, size_t size) {
-        while (size > 0) {
-            ssize_t count = ::write(fd_.Get(), data, size);
-            if (count < 0) {
-                if (errno == EINTR) continue;
-                ThrowWriteError(target_, "write failed", errno);
-            }
-            data += count;
-            size -= size_t(count);
-        }
-    }
-
-    void Commit() {
-        if (::close(fd_.Release()) != 0) ThrowWriteError(target_, "close failed", errno);
-        if (::rename(name_.c_str(), target_.c_str()) != 0) ThrowWriteError(target_, "rename failed", errno);
-        name_.clear();
-    }
-
-private:
-    std::string target_;
-    std::string name_;
-    UniqueFd fd_;
-};
-
 cv::Mat DecodePngBytes(const std::vector<unsigned char>& bytes, const MediaLimits& limits, const std::string& nameForMessages) {
     PngReader reader(bytes, nameForMessages);
     PngLayout layout = reader.Parse();
@@ -521,9 +467,7 @@ void WritePngFile(const std::string& path, const cv::Mat& image) {
         throw RecordingError(VYRA_ERROR_INVALID_ARGUMENT,
                              "cannot write PNG '" + path + "': expected a non-empty 8-bit image with 1, 3 or 4 channels");
     PacketPtr packet = EncodePng(image, path);
-    TemporaryFile file(path);
-    file.Write(packet->data, size_t(packet->size));
-    file.Commit();
+    WriteWholeFile(path, packet->data, size_t(packet->size), "PNG");
 }
 
 std::vector<unsigned char> ReadRegularFile(const std::string& path, size_t maxBytes) {
@@ -559,8 +503,7 @@ std::vector<unsigned char> ReadRegularFile(const std::string& path, size_t maxBy
 // Converts between a packed BGR image and `frame` of another pixel format.
 void Convert(const uint8_t* const source[], const int sourceStride[], AVPixelFormat from, int width, int height,
              uint8_t* const target[], const int targetStride[], AVPixelFormat to) {
-    ScalerPtr scaler(sws_getContext(width, height, from, width, height, to, SWS_BICUBIC, nullptr, nullptr, nullptr));
-    if (!scaler) throw RecordingError(VYRA_ERROR_INTERNAL, "cannot convert a picture's pixels");
+    ScalerPtr scaler = MakeScaler(width, height, from, to, "cannot convert a picture: ");
     sws_scale(scaler.get(), source, sourceStride, 0, height, target, targetStride);
 }
 

@@ -13,6 +13,9 @@
 extern "C" {
 #include <libavutil/error.h>
 #include <libavutil/mem.h>
+#include <libavutil/opt.h>
+#include <libavutil/pixdesc.h>
+#include <libswscale/swscale.h>
 }
 
 namespace vyra { namespace detail {
@@ -32,7 +35,52 @@ std::string CannotRead(const char* what, const std::string& path) {
     return std::string("cannot read ") + what + " '" + path + "': ";
 }
 
+struct ScalerFormat {
+    AVPixelFormat format;
+    bool fullRange;
+};
+
+ScalerFormat ScalerFormatFor(AVPixelFormat format) {
+    switch (format) {
+        case AV_PIX_FMT_YUVJ420P: return {AV_PIX_FMT_YUV420P, true};
+        case AV_PIX_FMT_YUVJ411P: return {AV_PIX_FMT_YUV411P, true};
+        case AV_PIX_FMT_YUVJ422P: return {AV_PIX_FMT_YUV422P, true};
+        case AV_PIX_FMT_YUVJ444P: return {AV_PIX_FMT_YUV444P, true};
+        case AV_PIX_FMT_YUVJ440P: return {AV_PIX_FMT_YUV440P, true};
+        default: return {format, false};
+    }
+}
+
+void SetScalerOption(SwsContext* scaler, const char* name, int64_t value) {
+    int error = av_opt_set_int(scaler, name, value, 0);
+    if (error < 0) ThrowAvError(error, VYRA_ERROR_INTERNAL, std::string("cannot set scaler option ") + name);
+}
+
 }  // namespace
+
+ScalerPtr MakeScaler(int width, int height, AVPixelFormat from, AVPixelFormat to, const std::string& prefix) {
+    const ScalerFormat source = ScalerFormatFor(from);
+    const ScalerFormat target = ScalerFormatFor(to);
+    const char* name = av_get_pix_fmt_name(from);
+    const std::string fromName = name != nullptr ? name : "unknown";
+    if (!sws_isSupportedInput(source.format)) {
+        throw RecordingError(VYRA_ERROR_UNREADABLE, prefix + "its " + fromName + " pixels cannot be converted");
+    }
+    ScalerPtr scaler(sws_alloc_context());
+    if (!scaler) throw RecordingError(VYRA_ERROR_NO_MEMORY, prefix + "out of memory");
+    SetScalerOption(scaler.get(), "srcw", width);
+    SetScalerOption(scaler.get(), "srch", height);
+    SetScalerOption(scaler.get(), "src_format", source.format);
+    SetScalerOption(scaler.get(), "src_range", source.fullRange ? 1 : 0);
+    SetScalerOption(scaler.get(), "dstw", width);
+    SetScalerOption(scaler.get(), "dsth", height);
+    SetScalerOption(scaler.get(), "dst_format", target.format);
+    SetScalerOption(scaler.get(), "dst_range", target.fullRange ? 1 : 0);
+    SetScalerOption(scaler.get(), "sws_flags", SWS_BICUBIC);
+    const int error = sws_init_context(scaler.get(), nullptr, nullptr);
+    if (error < 0) ThrowAvError(error, VYRA_ERROR_INTERNAL, prefix + "cannot convert " + fromName + " pixels");
+    return scaler;
+}
 
 void IoContextDeleter::operator()(AVIOContext* io) const noexcept {
     if (io == nullptr) return;

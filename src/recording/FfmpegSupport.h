@@ -74,6 +74,14 @@ private:
     AVDictionary* dict_ = nullptr;
 };
 
+// A scaler converting width x height pixels of format `from` to format `to`
+// at the same size (bicubic). The yuvj* formats are handed to swscale as
+// their yuv* twins in full range, which converts the same without swscale's
+// deprecation message. Throws RecordingError, its message starting with
+// `prefix`: VYRA_ERROR_UNREADABLE when swscale cannot read `from`,
+// VYRA_ERROR_NO_MEMORY, or VYRA_ERROR_INTERNAL when it cannot convert.
+ScalerPtr MakeScaler(int width, int height, AVPixelFormat from, AVPixelFormat to, const std::string& prefix);
+
 // Text of an FFmpeg error code, e.g. "Invalid data found when processing input".
 std::string AvErrorText(int error);
 

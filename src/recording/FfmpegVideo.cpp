@@ -246,25 +246,6 @@ CodecContextPtr OpenDecoder(const std::string& path, const AVStream& stream, con
 
 // --- Conversion to BGR --------------------------------------------------------
 
-// swscale treats the yuvj* formats as their yuv* twin in full range and logs
-// a deprecation warning for them; handing over the twin with src_range=1
-// gives the same conversion without the message.
-struct ScalerSource {
-    AVPixelFormat format;
-    bool fullRange;
-};
-
-ScalerSource ScalerSourceFor(AVPixelFormat format) {
-    switch (format) {
-        case AV_PIX_FMT_YUVJ420P: return {AV_PIX_FMT_YUV420P, true};
-        case AV_PIX_FMT_YUVJ411P: return {AV_PIX_FMT_YUV411P, true};
-        case AV_PIX_FMT_YUVJ422P: return {AV_PIX_FMT_YUV422P, true};
-        case AV_PIX_FMT_YUVJ444P: return {AV_PIX_FMT_YUV444P, true};
-        case AV_PIX_FMT_YUVJ440P: return {AV_PIX_FMT_YUV440P, true};
-        default: return {format, false};
-    }
-}
-
 const char* PixelFormatName(AVPixelFormat format) {
     const char* name = av_get_pix_fmt_name(format);
     return name != nullptr ? name : "unknown";
@@ -354,7 +335,7 @@ private:
         bgr_.reset();
         size_ = size;
         format_ = format;
-        scaler_ = MakeScaler(size, format, path);
+        scaler_ = MakeScaler(size.width, size.height, format, AV_PIX_FMT_BGR24, CannotRead(path));
         bgr_ = AllocateFrame();
         bgr_->format = AV_PIX_FMT_BGR24;
         bgr_->width = size.width;
@@ -364,31 +345,6 @@ private:
             scaler_.reset();
             ThrowAvError(error, VYRA_ERROR_INTERNAL, CannotRead(path) + "cannot allocate a BGR frame");
         }
-    }
-
-    static ScalerPtr MakeScaler(cv::Size size, AVPixelFormat format, const std::string& path) {
-        ScalerSource source = ScalerSourceFor(format);
-        if (!sws_isSupportedInput(source.format))
-            ThrowUnreadable(path, std::string("its ") + PixelFormatName(format) + " frames cannot be converted to BGR");
-        ScalerPtr scaler(sws_alloc_context());
-        if (!scaler) ThrowOutOfMemory(path);
-        SetScalerOption(scaler.get(), "srcw", size.width);
-        SetScalerOption(scaler.get(), "srch", size.height);
-        SetScalerOption(scaler.get(), "src_format", source.format);
-        SetScalerOption(scaler.get(), "src_range", source.fullRange ? 1 : 0);
-        SetScalerOption(scaler.get(), "dstw", size.width);
-        SetScalerOption(scaler.get(), "dsth", size.height);
-        SetScalerOption(scaler.get(), "dst_format", AV_PIX_FMT_BGR24);
-        SetScalerOption(scaler.get(), "sws_flags", SWS_BICUBIC);
-        int error = sws_init_context(scaler.get(), nullptr, nullptr);
-        if (error < 0)
-            ThrowAvError(error, VYRA_ERROR_INTERNAL, CannotRead(path) + "cannot convert " + PixelFormatName(format) + " to BGR");
-        return scaler;
-    }
-
-    static void SetScalerOption(SwsContext* scaler, const char* name, int64_t value) {
-        int error = av_opt_set_int(scaler, name, value, 0);
-        if (error < 0) ThrowAvError(error, VYRA_ERROR_INTERNAL, std::string("cannot set scaler option ") + name);
     }
 
     ScalerPtr scaler_;

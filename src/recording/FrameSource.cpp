@@ -1,6 +1,7 @@
 #include "recording/FrameSource.h"
 
 #include <algorithm>
+#include <climits>
 #include <cmath>
 #include <filesystem>
 #include <limits>
@@ -69,14 +70,20 @@ public:
     bool Lossless() const override { return true; }
 
     std::optional<double> FollowingTimeMs() override {
-        if (!timestamps_ || stop_ >= names_.size()) {
+        if (!timestamps_) {
             return std::nullopt;
+        }
+        if (stop_ >= names_.size()) {
+            // No frame follows: absolute time zero, which the next-frame
+            // launch time reads then, on the scale of the times above.
+            return origin_ ? std::optional<double>(-static_cast<double>(*origin_)) : std::nullopt;
         }
         const std::optional<long long> time = ParseNameTime(names_[stop_]);
-        if (!time) {
+        long long sinceOrigin = 0;
+        if (!time || !origin_ || __builtin_sub_overflow(*time, *origin_, &sinceOrigin)) {
             return std::nullopt;
         }
-        return static_cast<double>(*time);
+        return static_cast<double>(sinceOrigin);
     }
 
 private:
@@ -94,8 +101,20 @@ private:
                                    "); names must sort in time order (zero-pad them) or give a "
                                    "frame rate instead");
         }
+        if (*time == LLONG_MAX || *time == LLONG_MIN) {
+            throw RecordingError(VYRA_ERROR_NO_TIMESTAMPS, "frame file '" + name +
+                                                               "' has a timestamp beyond 64-bit milliseconds");
+        }
         previousTime_ = time;
-        return static_cast<double>(*time);
+        // Times are kept as ms since the first frame read, taken in 64-bit
+        // integers: name times beyond 2^53 ms stay exact.
+        if (!origin_) origin_ = time;
+        long long sinceOrigin = 0;
+        if (__builtin_sub_overflow(*time, *origin_, &sinceOrigin)) {
+            throw RecordingError(VYRA_ERROR_NO_TIMESTAMPS,
+                                 "frame file '" + name + "' is more than 2^63 ms after the first frame");
+        }
+        return static_cast<double>(sinceOrigin);
     }
 
     std::string dir_;
@@ -108,6 +127,7 @@ private:
     size_t stop_ = 0;
     size_t expected_ = 0;
     std::optional<long long> previousTime_;
+    std::optional<long long> origin_;  // name time of the first frame read
 };
 
 // ---- video ----

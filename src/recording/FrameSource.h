@@ -32,7 +32,9 @@ struct SourceOptions {
 // One decoded frame of the range.
 struct SourceFrame {
     cv::Mat pixels;          // 8-bit BGR
-    double timeMs = 0.0;     // raw time in ms (timestamp timing only, else 0)
+    double timeMs = 0.0;     // raw time in ms (timestamp timing only, else 0); for frame
+                             // files, ms since the first frame read (name times are
+                             // subtracted as 64-bit integers, so they stay exact)
     bool timeEstimated = false;
     std::string label;       // names the frame in messages: file name or "frame N"
 };
@@ -61,6 +63,8 @@ public:
 
     // After Next() returned false, with timestamp timing: the raw time of the
     // recording's frame that follows the range, when there is one with a time.
+    // A frame folder without a following frame gives absolute time zero on
+    // its scale (minus the first frame's name time).
     virtual std::optional<double> FollowingTimeMs() = 0;
 
     // True when the recording stores its frames losslessly (PNG files, a

@@ -8,6 +8,7 @@
 #include <cstring>
 #include <functional>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "VyraMeasure.h"
@@ -223,4 +224,86 @@ TEST(CApi, ErrorsComeBackAsStatusAndMessageWithAnEmptyResult) {
     }
     EXPECT_STREQ(vyra_status_string(VYRA_OK), "ok");
     EXPECT_STREQ(vyra_status_string(VYRA_ERROR_WRITE), "cannot write output");
+}
+
+TEST(CApi, ReportsAreWrittenAfterTheMeasurementAndTheirFailureIsTheStatus) {
+    TempDir dir;
+    const std::string rec = writeLaunch(dir);
+    const std::string html = (dir / "r.html").string(), png = (dir / "f.png").string();
+    const std::string unwritable = (dir / "missing" / "r.html").string();
+    struct Case {
+        const char* report;
+        const char* filmstrip;
+        VyraStatus status;
+    } cases[] = {
+        {html.c_str(), png.c_str(), VYRA_OK},
+        {unwritable.c_str(), nullptr, VYRA_ERROR_WRITE},
+        {nullptr, unwritable.c_str(), VYRA_ERROR_WRITE},
+    };
+    for (const Case& c : cases) {
+        VyraSettings s;
+        vyra_default_settings(&s);
+        EXPECT_EQ(s.report_interval_ms, 100.0);
+        s.report_path = c.report;
+        s.filmstrip_path = c.filmstrip;
+        VyraResult r = freshResult();
+        char error[256];
+        EXPECT_EQ(vyra_measure(rec.c_str(), &s, &r, error, sizeof error), c.status) << error;
+        EXPECT_EQ(r.load_finished.index, 3);  // the result is there either way
+        if (c.status != VYRA_OK) {
+            EXPECT_NE(std::strstr(error, "missing"), nullptr) << error;
+        }
+    }
+    EXPECT_EQ(readText(html).rfind("<!DOCTYPE html>", 0), 0u);
+    EXPECT_EQ(readText(png).substr(1, 3), "PNG");
+}
+
+// Four threads measuring four different recordings at once get what each
+// got alone (run under ThreadSanitizer by scripts/test).
+TEST(CApi, ThreadsMeasuringAtOnceGetTheSerialResults) {
+    TempDir dir;
+    std::vector<std::string> recordings;
+    for (int r = 0; r < 4; ++r) {
+        std::vector<cv::Mat> frames;
+        std::vector<std::string> names;
+        for (int k = 0; k < 6; ++k) {
+            frames.push_back(k < 1 + r ? solidFrame(180, 320) : texturedFrame(180, 320, 20 + r));
+            names.push_back(std::to_string(1000 + 100 * k) + ".png");
+        }
+        recordings.push_back((dir / std::to_string(r)).string());
+        writePngFolder(recordings.back(), names, frames);
+    }
+    auto measure = [](const std::string& path) {
+        VyraResult r = freshResult();
+        VyraSettings s;
+        vyra_default_settings(&s);
+        s.page_type = path.back() == '3' ? VYRA_PAGE_DYNAMIC : VYRA_PAGE_STATIC;
+        EXPECT_EQ(vyra_measure(path.c_str(), &s, &r, nullptr, 0), VYRA_OK) << path;
+        return r;
+    };
+    std::vector<VyraResult> serial, parallel(recordings.size());
+    for (const std::string& path : recordings) serial.push_back(measure(path));
+    std::vector<std::thread> threads;
+    for (size_t t = 0; t < recordings.size(); ++t) {
+        threads.emplace_back([&, t] { parallel[t] = measure(recordings[t]); });
+    }
+    for (std::thread& thread : threads) thread.join();
+    // Every number of the result, NaN included (compared by its bits).
+    auto numbers = [](const VyraResult& r) {
+        std::vector<double> all = {double(r.status), double(r.frame_count), r.launch_time, r.speed_index_ms,
+                                   double(r.noise_tolerance), r.loaded_psnr};
+        for (const VyraKeyFrame& key : {r.load_finished, r.baseline, r.first_frame, r.motion_start,
+                                        r.first_visual_change, r.last_visual_change, r.visually_complete}) {
+            all.push_back(key.index);
+            all.push_back(key.time);
+        }
+        std::string bytes(reinterpret_cast<const char*>(all.data()), all.size() * sizeof(double));
+        return bytes;
+    };
+    for (size_t t = 0; t < recordings.size(); ++t) {
+        if (t < 3) {
+            EXPECT_EQ(serial[t].load_finished.index, 1 + int(t));  // the first page frame
+        }
+        EXPECT_EQ(numbers(serial[t]), numbers(parallel[t])) << t;
+    }
 }

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <cstring>
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
@@ -12,7 +13,9 @@
 #include <vector>
 
 #include <nlohmann/json.hpp>
+#include <opencv2/imgcodecs.hpp>
 
+#include "cli_support.h"
 #include "fixtures.h"
 #include "vyra.h"
 
@@ -20,20 +23,6 @@ using namespace vyra_test;
 using Json = nlohmann::json;
 
 namespace {
-
-std::string cliPath() {
-    const char* env = std::getenv("VYRA_CLI");
-#ifdef VYRA_CLI_DEFAULT
-    return env != nullptr && *env != '\0' ? env : VYRA_CLI_DEFAULT;
-#else
-    return env != nullptr ? env : "vyra";
-#endif
-}
-
-ProcessResult runVyra(std::vector<std::string> args, const fs::path& cwd = {}, bool terminal = false) {
-    args.insert(args.begin(), cliPath());
-    return runProcess(args, cwd, terminal);
-}
 
 // The ground truth `vyra sample` prints.
 struct Truth {
@@ -124,10 +113,12 @@ TEST(Cli, VersionAndHelp) {
     EXPECT_EQ(help.exitCode, 0);
     EXPECT_NE(help.out.find("analyse"), std::string::npos);
     EXPECT_NE(help.out.find("sample"), std::string::npos);
+    EXPECT_NE(help.out.find("compare"), std::string::npos);
     const ProcessResult analyseHelp = runVyra({"analyse", "--help"});
     EXPECT_EQ(analyseHelp.exitCode, 0);
     for (const char* flag : {"--fps", "--timestamps", "--start", "--end", "--crop", "--ignore", "--dynamic",
-                             "--stable-baseline", "--json", "--save-frames", "--launch-time", "--quiet"}) {
+                             "--stable-baseline", "--json", "--save-frames", "--launch-time", "--quiet", "--report",
+                             "--report-interval", "--filmstrip"}) {
         EXPECT_NE(analyseHelp.out.find(flag), std::string::npos) << flag;
     }
 }
@@ -154,6 +145,9 @@ TEST(Cli, UsageErrorsExitWithTwo) {
         {"analyse", rec, "--crop", "99999999999,0,10,10"},
         {"analyse", rec, "--crop", "1,2,3,4,5"},
         {"sample", (dir / "s.mkv").string(), "--size", "100"},
+        {"analyse", rec, "--report", "r.html", "--report-interval", "0"},
+        {"compare", rec, rec},
+        {"compare", rec, "--report", "r.html"},
     };
     for (const std::vector<std::string>& args : cases) {
         const ProcessResult run = runVyra(args);
@@ -183,6 +177,11 @@ TEST(Cli, BadInputsGiveTheirExitStatusAndOneMessage) {
                        "170,0,20,5");
     std::ofstream(dir / "file") << "x";
     expectOneErrorLine(runVyra({"analyse", rec, "--save-frames", (dir / "file" / "sub").string()}), 1, "sub");
+    expectOneErrorLine(runVyra({"analyse", rec, "--report", (dir / "file" / "r.html").string()}), 1, "r.html");
+    expectOneErrorLine(runVyra({"analyse", rec, "--filmstrip", (dir / "file" / "f.png").string()}), 1, "f.png");
+    expectOneErrorLine(runVyra({"compare", rec, (dir / "missing").string(), "--report", (dir / "c.html").string()}),
+                       3, "does not exist");
+    EXPECT_FALSE(fs::exists(dir / "c.html"));
 }
 
 // ---- output ----
@@ -324,6 +323,48 @@ TEST(Cli, JsonCarriesEveryFieldOfTheResult) {
     for (const char* field : {"first_keypoint_count", "second_keypoint_count", "consistent_match_count", "is_moving"}) {
         EXPECT_TRUE(first.contains(field)) << field;
     }
+}
+
+TEST(Cli, ReportsAreWrittenBesideAnUnchangedOutput) {
+    TempDir dir;
+    const std::string rec = writeLaunchFolder(dir).string();
+    const ProcessResult plain = runVyra({"analyse", rec, "--quiet"});
+    const fs::path html = dir / "r.html", png = dir / "f.png";
+    const ProcessResult reported =
+        runVyra({"analyse", rec, "--quiet", "--report", html.string(), "--filmstrip", png.string()});
+    EXPECT_EQ(reported.exitCode, 0) << reported.err;
+    EXPECT_EQ(reported.out, plain.out);
+    EXPECT_NE(readText(html).find("<p class=\"sub\">" + rec + "</p>"), std::string::npos);
+    EXPECT_FALSE(cv::imread(png.string()).empty());
+}
+
+TEST(Cli, CompareListsBothKeyTimesAndTheirDifference) {
+    TempDir dir;
+    const fs::path a = writeLaunchFolder(dir);
+    // b: the same frames at twice the pace's intervals, so every key time doubles.
+    std::vector<std::string> names;
+    for (const long long t : kTimes) names.push_back(std::to_string(1000 + 2 * (t - 1000)) + ".png");
+    std::vector<cv::Mat> frames;
+    for (const auto& entry : pngNames(a)) frames.push_back(cv::imread((a / entry).string()));
+    writePngFolder(dir / "b", names, frames);
+    const ProcessResult run = runVyra({"compare", a.string(), (dir / "b").string(), "--end", "8", "--quiet",
+                                       "--report", (dir / "c.html").string()});
+    ASSERT_EQ(run.exitCode, 0) << run.err;
+    // White up to frame 3, the page from frame 4 (0.25 s in a), baseline frame 8 (0.5 s).
+    const char* loaded = "      0.250      0.500     +0.250\n";
+    const char* none = "          -          -          -\n";
+    std::string expected = "a: " + a.string() + "\nb: " + (dir / "b").string() + "\n" +
+                           "key time (s)              a          b      b - a\n";
+    for (const char* row : {"launch time", "load finished"}) expected += std::string(row) + std::string(16 - strlen(row), ' ') + loaded;
+    expected += "baseline              0.500      1.000     +0.500\n";
+    for (const char* row : {"logo appear", "logo disappear"}) expected += std::string(row) + std::string(16 - strlen(row), ' ') + none;
+    expected += std::string("first frame     ") + loaded + "motion start    " + none;
+    for (const char* row : {"first change", "last change", "complete 85", "complete 95", "complete 99", "complete 100",
+                            "speed index"}) {
+        expected += std::string(row) + std::string(16 - strlen(row), ' ') + loaded;
+    }
+    EXPECT_EQ(run.out, expected);
+    EXPECT_TRUE(fs::exists(dir / "c.html"));
 }
 
 TEST(Cli, IgnoredClockRegionMakesFramesIdentical) {

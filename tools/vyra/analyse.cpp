@@ -4,6 +4,7 @@
 #include <memory>
 #include <sstream>
 
+#include "VyraLaunchReport.h"
 #include "command.h"
 #include "measure_args.h"
 #include "output.h"
@@ -18,24 +19,17 @@ struct AnalyseArgs {
     MeasureArgs measure;
     bool json = false;
     std::string saveFrames;
+    std::string report;
+    std::string filmstrip;
     bool progress = false;
     bool quiet = false;
 };
 
-// True when @p text can be a JSON string: valid UTF-8.
-bool isJsonText(const std::string& text) {
-    try {
-        static_cast<void>(Json(text).dump());
-        return true;
-    } catch (const Json::type_error&) {
-        return false;
-    }
-}
-
 int runAnalyse(const AnalyseArgs& args) {
     MeasureOptions options = ToMeasureOptions(args.measure);
     options.saveFramesDir = args.saveFrames;
-    if (args.json && !isJsonText(args.recording)) {
+    options.report.collect = !args.report.empty() || !args.filmstrip.empty();
+    if (args.json && !IsJsonText(args.recording)) {
         PrintError("the recording's path is not valid UTF-8, which a JSON document cannot carry; rename it or "
                    "leave out --json");
         return kExitUsage;
@@ -51,6 +45,13 @@ int runAnalyse(const AnalyseArgs& args) {
         return ExitCodeFor(e.status());
     }
     bar.Clear();
+    try {
+        if (!args.report.empty()) WriteReport(args.report, result, args.recording);
+        if (!args.filmstrip.empty()) WriteFilmstrip(args.filmstrip, result);
+    } catch (const MeasureError& e) {
+        PrintError(e.what());
+        return ExitCodeFor(e.status());
+    }
     OutputOptions output;
     output.recording = args.recording;
     output.progressSeries = args.progress;
@@ -78,6 +79,8 @@ Subcommand AddAnalyseCommand(CLI::App& app) {
     AddMeasureOptions(*cmd, args->measure);
     cmd->add_flag("--json", args->json, "Print one JSON document with every field of the result");
     cmd->add_option("--save-frames", args->saveFrames, "Save the analysed frames as DIR/%08d.png");
+    cmd->add_option("--report", args->report, "Also write the launch report, one self-contained HTML file");
+    cmd->add_option("--filmstrip", args->filmstrip, "Also write the report's filmstrip as one PNG contact sheet");
     cmd->add_flag("--progress", args->progress, "Also list every frame's visual progress");
     cmd->add_flag("--quiet", args->quiet, "No progress bar on standard error");
     return {cmd, [args] { return runAnalyse(*args); }};

@@ -16,6 +16,7 @@ constexpr int kExitOk = 0;
 constexpr int kExitFailure = 1;  // cannot write, out of memory, internal error
 constexpr int kExitUsage = 2;    // usage error or invalid argument
 constexpr int kExitInput = 3;    // missing, unreadable or empty input, no usable timestamps
+constexpr int kExitSomeFailed = 4;  // vyra batch: some recordings failed (their lines carry the error)
 
 /** The exit status for a measurement that ended with @p status. */
 int ExitCodeFor(VyraStatus status);
@@ -40,8 +41,10 @@ struct Subcommand {
     std::function<int()> run;
 };
 
+Subcommand AddBatchCommand(CLI::App& app);    // batch.cpp
 Subcommand AddAnalyseCommand(CLI::App& app);  // analyse.cpp
 Subcommand AddSampleCommand(CLI::App& app);   // sample.cpp
+Subcommand AddCompareCommand(CLI::App& app);  // compare.cpp
 
 }  // namespace vyra::tool
 

@@ -1,12 +1,14 @@
 // vyra: the command-line face of libvyra.
 //
 //   vyra analyse RECORDING [options]   measure the launch time of a recording
+//   vyra batch INPUTS... --out FILE    measure many recordings, one JSON line each
 //   vyra sample OUT [options]          render a synthetic launch recording
 //
 // Exit status: 0 success (also when no load-finished frame was found),
 // 1 any other failure (cannot write, out of memory, internal error),
 // 2 usage error or invalid argument, 3 input that cannot be used (missing,
-// unreadable, empty, no usable timestamps).
+// unreadable, empty, no usable timestamps); vyra batch also 4 when some
+// recordings failed and 130 when interrupted.
 #include <exception>
 #include <iostream>
 #include <string>
@@ -24,7 +26,8 @@ int run(int argc, char** argv) {
     CLI::App app{"vyra: launch time of an app page from a screen recording", "vyra"};
     app.set_version_flag("--version", std::string("vyra ") + vyra_version());
     app.require_subcommand(1);
-    const std::vector<Subcommand> commands = {AddAnalyseCommand(app), AddSampleCommand(app)};
+    const std::vector<Subcommand> commands = {AddAnalyseCommand(app), AddBatchCommand(app), AddCompareCommand(app),
+                                              AddSampleCommand(app)};
     try {
         app.parse(argc, argv);
         for (const Subcommand& command : commands) {

@@ -58,6 +58,10 @@ void AddMeasureOptions(CLI::App& cmd, MeasureArgs& args) {
                    "the coding noise of lossy video")
         ->check(CLI::IsMember({"auto"}) | CLI::Range(0, 255))
         ->capture_default_str();
+    cmd.add_option("--report-interval", args.reportIntervalMs,
+                   "Milliseconds between the pictures of a report's filmstrip (above 0)")
+        ->check(CLI::PositiveNumber)
+        ->capture_default_str();
 }
 
 MeasureOptions ToMeasureOptions(const MeasureArgs& args) {
@@ -80,6 +84,7 @@ MeasureOptions ToMeasureOptions(const MeasureArgs& args) {
         args.launchTime == "next-frame" ? LaunchTimeMode::NextFrame : LaunchTimeMode::LoadFinishedFrame;
     options.visualProgress.levelTolerance =
         args.noiseTolerance == "auto" ? kVisualProgressLevelToleranceAuto : std::stoi(args.noiseTolerance);
+    options.report.intervalMs = args.reportIntervalMs;
     return options;
 }
 

@@ -25,6 +25,7 @@ struct MeasureArgs {
     bool stableBaseline = false;
     std::string launchTime = "frame";
     std::string noiseTolerance = "auto";  ///< "auto" or 0..255
+    double reportIntervalMs = kDefaultReportIntervalMs;  ///< filmstrip step of --report and --filmstrip
 };
 
 /** Adds the options to @p command, storing into @p args (which must outlive the parse). */

@@ -11,12 +11,7 @@
 
 namespace vyra::tool {
 
-namespace {
-
-// printf-style formatting into a std::string.
-std::string format(const char* pattern, ...) __attribute__((format(printf, 1, 2)));
-
-std::string format(const char* pattern, ...) {
+std::string Format(const char* pattern, ...) {
     va_list args;
     va_start(args, pattern);
     va_list copy;
@@ -31,9 +26,20 @@ std::string format(const char* pattern, ...) {
     return text;
 }
 
-std::string seconds(double value) { return std::isnan(value) ? "-" : format("%.3f", value); }
+std::string SecondsText(double value) { return std::isnan(value) ? "-" : Format("%.3f", value); }
 
-std::string milliseconds(double value) { return std::isnan(value) ? "-" : format("%.1f ms", value); }
+bool IsJsonText(const std::string& text) {
+    try {
+        static_cast<void>(Json(text).dump());
+        return true;
+    } catch (const Json::type_error&) {
+        return false;
+    }
+}
+
+namespace {
+
+std::string milliseconds(double value) { return std::isnan(value) ? "-" : Format("%.1f ms", value); }
 
 std::string timingText(const MeasureResult& r) {
     if (r.timing == Timing::FrameRate) {
@@ -46,25 +52,25 @@ std::string timingText(const MeasureResult& r) {
 
 // The key frame table of @p group under @p title: name, index and time per row.
 void writeKeyFrameTable(std::ostream& out, const char* title, KeyFrameGroup group, const MeasureResult& r) {
-    out << format("%-16s %6s %10s\n", title, "index", "time (s)");
+    out << Format("%-16s %6s %10s\n", title, "index", "time (s)");
     for (const KeyFrameField& field : KeyFrameFields()) {
         if (field.group != group) continue;
         const KeyFrame& key = r.*field.member;
         const std::string index = key.index < 0 ? "-" : std::to_string(key.index);
-        out << format("%-16s %6s %10s\n", field.label, index.c_str(), seconds(key.time).c_str());
+        out << Format("%-16s %6s %10s\n", field.label, index.c_str(), SecondsText(key.time).c_str());
     }
 }
 
 void writeVisualProgress(std::ostream& out, const MeasureResult& r, const OutputOptions& options) {
     writeKeyFrameTable(out, "visual progress", KeyFrameGroup::VisualProgress, r);
-    out << format("speed index: %s, noise tolerance: %d%s\n", milliseconds(r.speedIndexMs).c_str(),
+    out << Format("speed index: %s, noise tolerance: %d%s\n", milliseconds(r.speedIndexMs).c_str(),
                   r.visual.levelTolerance, r.visual.levelToleranceEstimated ? " (auto)" : "");
     if (!options.progressSeries) {
         return;
     }
-    out << format("%6s %10s %9s\n", "frame", "time (s)", "progress");
+    out << Format("%6s %10s %9s\n", "frame", "time (s)", "progress");
     for (size_t k = 0; k < r.visual.progress.size(); ++k) {
-        out << format("%6zu %10s %9.4f\n", k, seconds(r.frameTimes[k]).c_str(), r.visual.progress[k]);
+        out << Format("%6zu %10s %9.4f\n", k, SecondsText(r.frameTimes[k]).c_str(), r.visual.progress[k]);
     }
 }
 
@@ -148,13 +154,13 @@ void writeJsonValue(std::ostream& out, const Json& value, int indent) {
 }  // namespace
 
 void WriteSummary(std::ostream& out, const MeasureResult& r, const OutputOptions& options) {
-    out << "launch time: " << (std::isnan(r.launchTime) ? "not found" : seconds(r.launchTime) + " s") << "\n";
+    out << "launch time: " << (std::isnan(r.launchTime) ? "not found" : SecondsText(r.launchTime) + " s") << "\n";
     writeKeyFrameTable(out, "key frame", KeyFrameGroup::Analysis, r);
-    out << format("frames: %zu (%dx%d), timing: %s, launch time at: %s\n", r.frameCount, r.frameWidth, r.frameHeight,
+    out << Format("frames: %zu (%dx%d), timing: %s, launch time at: %s\n", r.frameCount, r.frameWidth, r.frameHeight,
                   timingText(r).c_str(),
                   r.launchTimeMode == LaunchTimeMode::NextFrame ? "next frame" : "load-finished frame");
     if (r.estimatedTimeCount > 0) {
-        out << format("note: %zu frame time(s) estimated (the decoder reported no timestamp)\n", r.estimatedTimeCount);
+        out << Format("note: %zu frame time(s) estimated (the decoder reported no timestamp)\n", r.estimatedTimeCount);
     }
     writeVisualProgress(out, r, options);
 }

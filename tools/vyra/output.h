@@ -18,6 +18,15 @@ using Json = nlohmann::ordered_json;
 /** Version of the JSON document's layout; bumped when a field changes meaning or is removed. */
 constexpr int kJsonSchemaVersion = 1;
 
+/** printf-style formatting into a std::string. */
+std::string Format(const char* pattern, ...) __attribute__((format(printf, 1, 2)));
+
+/** Seconds with three decimals; "-" for NaN (not found). */
+std::string SecondsText(double value);
+
+/** True when @p text can be a JSON string: valid UTF-8. */
+bool IsJsonText(const std::string& text);
+
 /** What the output shows beyond the result itself. */
 struct OutputOptions {
     std::string recording;       ///< the recording's path as the user gave it

@@ -7,17 +7,25 @@
 namespace vyra::tool {
 
 void ProgressBar::Update(MeasureStage stage, size_t done, size_t total) {
+    if (stage == MeasureStage::Decoding) {
+        draw("decoding  ", done, total, std::to_string(done) + (total > 0 ? "/" + std::to_string(total) : ""));
+    } else {
+        draw("analysing ", done, total, done >= total ? "done" : "...");
+    }
+}
+
+void ProgressBar::UpdateCount(size_t done, size_t total, const std::string& note) {
+    draw("recordings ", done, total, std::to_string(done) + "/" + std::to_string(total) + (note.empty() ? "" : " " + note));
+}
+
+void ProgressBar::draw(const char* label, size_t done, size_t total, const std::string& text) {
     if (!enabled_) {
         return;
     }
-    std::string line = stage == MeasureStage::Decoding ? "decoding  " : "analysing ";
     const int width = 30;
     const int filled = total > 0 ? static_cast<int>(width * std::min(done, total) / total) : 0;
-    line += "[" + std::string(static_cast<size_t>(filled), '#') + std::string(static_cast<size_t>(width - filled), '.') +
-            "] ";
-    line += stage == MeasureStage::Decoding ? std::to_string(done) + (total > 0 ? "/" + std::to_string(total) : "")
-                                            : (done >= total ? "done" : "...");
-    std::cerr << "\r" << line << "\033[K" << std::flush;
+    std::cerr << "\r" << label << "[" << std::string(static_cast<size_t>(filled), '#')
+              << std::string(static_cast<size_t>(width - filled), '.') << "] " << text << "\033[K" << std::flush;
     shown_ = true;
 }
 

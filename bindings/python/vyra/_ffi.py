@@ -1,10 +1,14 @@
 """The C interface of libvyra as ctypes declarations: the structures of
 vyra.h (their layout is checked against the C header by the test suite),
-finding and loading the library, and the library's table of key frames."""
+finding and loading the library (once per process, on first use), and the
+library's table of key frames."""
 
 import ctypes
 import ctypes.util
+import functools
 import os
+import subprocess
+import threading
 from typing import NamedTuple, Tuple
 
 ABI_VERSION = 1
@@ -38,6 +42,9 @@ class Settings(ctypes.Structure):
         ("progress_out", ctypes.POINTER(ctypes.c_double)),
         ("frame_times_out", ctypes.POINTER(ctypes.c_double)),
         ("series_capacity", ctypes.c_size_t),
+        ("report_path", ctypes.c_char_p),
+        ("filmstrip_path", ctypes.c_char_p),
+        ("report_interval_ms", ctypes.c_double),
     ]
 
 
@@ -95,7 +102,24 @@ class KeyFrameField(NamedTuple):
     offset: int  # its offset in VyraResult
 
 
+class LibraryNotFoundError(ImportError):
+    """libvyra could not be loaded; the message lists every place tried."""
+
+
+def _pkg_config_libdir():
+    """The libdir of the pkg-config package "vyra" (an install under a prefix), or None."""
+    try:
+        run = subprocess.run(["pkg-config", "--variable=libdir", "vyra"], capture_output=True,
+                             text=True, timeout=10)
+    except (OSError, subprocess.SubprocessError):
+        return None
+    libdir = run.stdout.strip()
+    return libdir if run.returncode == 0 and libdir else None
+
+
 def _candidates():
+    """Where to look, in order: VYRA_LIBRARY alone when it is set; else the names the
+    dynamic loader resolves, then the library in the libdir pkg-config reports."""
     env = os.environ.get("VYRA_LIBRARY")
     if env:
         yield env
@@ -105,20 +129,24 @@ def _candidates():
         yield found
     yield "libvyra.so.0"
     yield "libvyra.so"
+    libdir = _pkg_config_libdir()
+    if libdir:
+        yield os.path.join(os.path.normpath(libdir), "libvyra.so.0")
 
 
 def load():
-    """The library: VYRA_LIBRARY, else what the loader finds as "vyra", libvyra.so.0 or libvyra.so."""
+    """Loads the library from the first candidate that loads, or raises LibraryNotFoundError."""
     errors = []
     for name in _candidates():
         try:
-            lib = ctypes.CDLL(name)
-            break
+            return ctypes.CDLL(name)
         except OSError as e:
             errors.append(f"{name}: {e}")
-    else:
-        raise ImportError("libvyra not found (set VYRA_LIBRARY to its path): " + "; ".join(errors))
-    return lib
+    hint = ("VYRA_LIBRARY names a file that does not load" if os.environ.get("VYRA_LIBRARY") else
+            "set VYRA_LIBRARY to the path of libvyra.so.0, or install the library where the dynamic "
+            "loader finds it (run ldconfig after installing) or where `pkg-config --variable=libdir vyra` "
+            "points (PKG_CONFIG_PATH)")
+    raise LibraryNotFoundError(f"libvyra not found: {hint}. Tried: " + "; ".join(errors))
 
 
 def _declare(lib):
@@ -140,13 +168,25 @@ def _declare(lib):
     return lib
 
 
-lib = _declare(load())
+_lib = None
+_lib_lock = threading.Lock()
 
 
+def library():
+    """The library, loaded and declared on the first call in this process, then kept."""
+    global _lib
+    if _lib is None:
+        with _lib_lock:
+            if _lib is None:
+                _lib = _declare(load())
+    return _lib
+
+
+@functools.lru_cache(maxsize=None)
 def key_frame_fields() -> Tuple[KeyFrameField, ...]:
     """The library's key frames that lie within the Result declared here, in its order."""
     count = ctypes.c_size_t()
-    table = lib.vyra_key_frame_fields(ctypes.byref(count))
+    table = library().vyra_key_frame_fields(ctypes.byref(count))
     fields = (KeyFrameField(table[k].label.decode(), table[k].key.decode(), int(table[k].group), int(table[k].offset))
               for k in range(count.value))
     return tuple(f for f in fields if f.offset + ctypes.sizeof(KeyFrame) <= ctypes.sizeof(Result))

@@ -31,6 +31,9 @@ int main(void) {
     FIELD(VyraSettings, progress_out);
     FIELD(VyraSettings, frame_times_out);
     FIELD(VyraSettings, series_capacity);
+    FIELD(VyraSettings, report_path);
+    FIELD(VyraSettings, filmstrip_path);
+    FIELD(VyraSettings, report_interval_ms);
 
     printf("VyraResult sizeof %zu\n", sizeof(VyraResult));
     FIELD(VyraResult, struct_size);

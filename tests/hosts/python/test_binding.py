@@ -164,7 +164,7 @@ class VisualProgress(unittest.TestCase):
         self.assertEqual(m.visually_complete_95, vyra.KeyFrame(2, 2.1))
         self.assertEqual(m.visually_complete_99, vyra.KeyFrame(2, 2.1))
         self.assertAlmostEqual(m.speed_index_ms, 100 + 2000 * 0.0625, places=9)
-        self.assertEqual(m.noise_tolerance, 20)
+        self.assertEqual((m.noise_tolerance, m.noise_tolerance_estimated), (0, True))  # PNG frames: no coding noise
         self.assertEqual(m.progress_series, ((0, 0.0, 0.0), (1, 0.1, 0.9375), (2, 2.1, 1.0), (3, 2.2, 1.0)))
         self.assertEqual(vyra.measure(self.dir).progress_series, ())
 
@@ -178,10 +178,28 @@ class VisualProgress(unittest.TestCase):
         self.assertEqual([p for _, _, p in m.progress_series], [0.0, 0.9375, 1.0, 1.0])
         self.assertEqual(m.noise_tolerance, 0)
 
-    def test_noise_tolerance_outside_its_range_is_refused(self):
-        for bad in (-1, 256):
-            with self.subTest(bad=bad), self.assertRaises(ValueError):
-                vyra.measure(self.dir, noise_tolerance=bad)
+    def test_values_a_c_field_cannot_hold_are_refused_before_measuring(self):
+        for options in ({"noise_tolerance": -1}, {"noise_tolerance": 256}, {"noise_tolerance": "high"},
+                        {"start": 2**31}, {"end": -2**31 - 1}, {"start": 2**40 + 3}, {"crop": (0, 0, 2**32 + 5, 4)},
+                        {"ignore": [(0, 0, 4, -2**33)]}, {"save_frames": "a\0b"}, {"report": "r\0.html"}):
+            with self.subTest(options=options), self.assertRaises(ValueError):
+                vyra.measure(self.dir, **options)
+        with self.assertRaises(ValueError):
+            vyra.measure(self.dir + "\0tail")
+
+    def test_reports_are_written_and_their_failure_raises(self):
+        out = tempfile.mkdtemp(prefix="vyra-py-out-")
+        self.addCleanup(shutil.rmtree, out, True)
+        html, png = os.path.join(out, "r.html"), os.path.join(out, "f.png")
+        m = vyra.measure(self.dir, report=html, filmstrip=png, report_interval_ms=50)
+        self.assertEqual(m.last_visual_change, vyra.KeyFrame(2, 2.1))
+        with open(html, encoding="utf-8") as f:
+            self.assertTrue(f.read().startswith("<!DOCTYPE html>"))
+        with open(png, "rb") as f:
+            self.assertEqual(f.read(8), b"\x89PNG\r\n\x1a\n")
+        with self.assertRaises(vyra.VyraError) as caught:
+            vyra.measure(self.dir, report=os.path.join(out, "missing", "r.html"))
+        self.assertEqual(caught.exception.status, 8)  # VYRA_ERROR_WRITE
 
 
 class Errors(unittest.TestCase):
