@@ -58,7 +58,7 @@ class Executors(unittest.TestCase):
         blank = os.path.join(DIR, "blank")
         os.makedirs(blank, exist_ok=True)
         for k in range(3):
-            write_png(os.path.join(blank, f"{k * 100:06d}.png"), 90, 160, (255, 255, 255))
+            write_png(os.path.join(blank, f"{k * 100:06d}.png"), 90, [(160, (255, 255, 255))])
         paths = [PATHS[3], os.path.join(DIR, "missing.mkv"), PATHS[0], blank, PATHS[0], PATHS[4]]
         with concurrent.futures.ThreadPoolExecutor(2) as threads, \
                 concurrent.futures.ProcessPoolExecutor(2) as processes:
