@@ -1,13 +1,12 @@
 // vyra::Image (lazy pixels, detected objects, content ratio) and
-// vyra::ImageSets (PSNR, object overlap, ORB matches and their memos), on
-// frames whose boxes and differences are known from how they are drawn.
+// vyra::ImageSets (PSNR, object overlap and their memos), on frames whose
+// boxes and differences are known from how they are drawn.
 #include <gtest/gtest.h>
 
 #include <cmath>
 #include <stdexcept>
 #include <vector>
 
-#include <opencv2/features2d.hpp>
 #include <opencv2/imgproc.hpp>
 
 #include "VyraImage.h"
@@ -201,6 +200,13 @@ TEST(ImageSets, PsnrAndMatchesAreKeptPerOrderedPairAndMode) {
     const FeaturesMatchingInfo& reversed = sets.GetImagesFeaturesMatchingInfo(2, 1, true);
     EXPECT_EQ(loads(), (std::vector<int>{2, 3, 5}));
     EXPECT_EQ(std::get<0>(reversed).size(), std::get<1>(checked).size());  // element 0: the first index's
+    // ORB's own parameters are held to the pinned results (regression/); frames of
+    // another size, an empty one or one without keypoints give no match.
+    for (const cv::Mat& other : {cv::Mat(), frames[0].rowRange(0, 50).clone(), solidFrame(128, 96)}) {
+        const FeaturesMatchingInfo info = ImageSets::FeatureMatching(frames[0], other, true);
+        EXPECT_TRUE(std::get<2>(info).empty());
+        EXPECT_EQ(std::get<0>(info).empty(), other.size() != frames[0].size());
+    }
 }
 
 TEST(ImageSets, OverlapSumsTheAreasOfBoxesWithASameSizedCounterpartNearby) {
@@ -224,36 +230,6 @@ TEST(ImageSets, OverlapSumsTheAreasOfBoxesWithASameSizedCounterpartNearby) {
         std::vector<Image> images{Image(a, first, -1.0, 0), Image(b, second, -1.0, 1)};
         ImageSets sets(images);
         EXPECT_EQ(sets.GetImagesObjectsOverlapArea(0, 1), c.forward) << c.first.size() << " and " << c.second.size();
-    }
-}
-
-TEST(ImageSets, FeatureMatchingIsOrbWithBruteForceHammingMatches) {
-    const cv::Mat scene = vyra_test::texturedFrame(180, 130, 21);
-    const cv::Mat a = scene(cv::Rect(0, 0, 160, 120)).clone(), b = scene(cv::Rect(6, 4, 160, 120)).clone();
-    cv::Ptr<cv::ORB> orb = cv::ORB::create(500, 1.2f, 8, 31, 0, 2, cv::ORB::HARRIS_SCORE, 31, 20);
-    std::vector<cv::KeyPoint> keysA, keysB;
-    cv::Mat descA, descB;
-    orb->detectAndCompute(a, cv::noArray(), keysA, descA);
-    orb->detectAndCompute(b, cv::noArray(), keysB, descB);
-    ASSERT_GT(keysA.size(), 20u);
-    for (const bool crossCheck : {false, true}) {
-        std::vector<cv::DMatch> expected;
-        cv::BFMatcher(cv::NORM_HAMMING, crossCheck).match(descA, descB, expected);
-        const FeaturesMatchingInfo info = ImageSets::FeatureMatching(a, b, crossCheck);
-        ASSERT_EQ(std::get<0>(info).size(), keysA.size());
-        ASSERT_EQ(std::get<1>(info).size(), keysB.size());
-        for (size_t k = 0; k < keysA.size(); ++k) EXPECT_EQ(std::get<0>(info)[k].pt, keysA[k].pt) << k;
-        ASSERT_EQ(std::get<2>(info).size(), expected.size()) << crossCheck;
-        for (size_t k = 0; k < expected.size(); ++k) {
-            EXPECT_EQ(std::get<2>(info)[k].queryIdx, expected[k].queryIdx);
-            EXPECT_EQ(std::get<2>(info)[k].trainIdx, expected[k].trainIdx);
-            EXPECT_EQ(std::get<2>(info)[k].distance, expected[k].distance);
-        }
-    }
-    for (const cv::Mat& other : {cv::Mat(), b.rowRange(0, 100).clone(), solidFrame(160, 120)}) {
-        const FeaturesMatchingInfo info = ImageSets::FeatureMatching(a, other, true);
-        EXPECT_TRUE(std::get<2>(info).empty());
-        EXPECT_EQ(std::get<0>(info).empty(), other.size() != a.size());
     }
 }
 

@@ -320,26 +320,6 @@ std::vector<cv::Mat> launchSequence() {
     return frames;
 }
 
-std::vector<cv::Mat> scrollingFrames(int count, int width, int height, int shift, unsigned seed) {
-    const int stripWidth = width + (count - 1) * shift;
-    cv::Mat strip(height, stripWidth, CV_8UC3, cv::Scalar::all(235));
-    std::mt19937 rng(seed);
-    std::uniform_int_distribution<int> colour(0, 200), size(4, 14), x(0, stripWidth - 1), y(0, height - 1);
-    for (int k = 0; k < stripWidth * height / 150; ++k) {
-        const cv::Scalar bgr(colour(rng), colour(rng), colour(rng));
-        const cv::Point origin(x(rng), y(rng));
-        const int w = size(rng), h = size(rng);
-        if (k % 2 == 0) {
-            cv::circle(strip, origin, w / 2 + 1, bgr, cv::FILLED, cv::LINE_8);
-        } else {
-            cv::rectangle(strip, cv::Rect(origin.x, origin.y, w, h), bgr, cv::FILLED, cv::LINE_8);
-        }
-    }
-    std::vector<cv::Mat> frames;
-    for (int k = 0; k < count; ++k) frames.push_back(strip.colRange(k * shift, k * shift + width).clone());
-    return frames;
-}
-
 cv::Mat statusBarFrame(int width, int height, unsigned seed, int barHeight, cv::Scalar barColour, const std::string& clock) {
     cv::Mat frame = texturedFrame(width, height, seed);
     cv::rectangle(frame, cv::Rect(0, 0, width, barHeight), barColour, cv::FILLED);
