@@ -10,7 +10,6 @@
 
 #include <opencv2/imgproc.hpp>
 
-#include "VyraSample.h"
 #include "VyraVisualProgress.h"
 #include "fixtures.h"
 
@@ -330,25 +329,6 @@ TEST(VisualProgress, EstimatedBlockNoiseNeverCountsWhileASmallIconDoes) {
     EXPECT_GE(r.levelTolerance, 9);
     EXPECT_LE(r.levelTolerance, 10);
     EXPECT_EQ((std::vector<int>{r.firstVisualChange, r.lastVisualChange, r.visuallyComplete}), (std::vector<int>{20, 20, 20}));
-}
-
-TEST(VisualProgress, TheSampleLaunchBelowItsStatusBarCompletesAtTheLoadedPage) {
-    vyra::sample::SampleOptions options;
-    options.width = 180, options.height = 320, options.fps = 10, options.seconds = 5;
-    vyra_test::TempDir dir;
-    const vyra::sample::SampleTruth truth = vyra::sample::WriteSampleVideo((dir / "sample.mp4").string(), options);
-    const int bar = 12;  // 24 units at half a unit per pixel: the clock ticks there
-    for (const std::vector<cv::Mat>& frames :
-         {vyra::sample::RenderAllFrames(options, truth), vyra_test::readVideoFrames(dir / "sample.mp4")}) {
-        ASSERT_EQ(frames.size(), static_cast<size_t>(truth.frameCount));
-        VisualProgressTracker tracker;
-        for (size_t k = 0; k < frames.size(); ++k) {
-            ASSERT_TRUE(tracker.AddFrame(frames[k](cv::Rect(0, bar, frames[k].cols, frames[k].rows - bar)), truth.timesMs[k]));
-        }
-        const VisualProgress r = tracker.Finish();
-        EXPECT_EQ((std::vector<int>{r.firstVisualChange, r.lastVisualChange, r.visuallyComplete99}),
-                  (std::vector<int>{truth.splashStart, truth.loadedIndex, truth.loadedIndex}));
-    }
 }
 
 }  // namespace
