@@ -293,37 +293,9 @@ TEST(Measure, PrintsAndWritesNothingAndReportsProgressOnTheCallingThread) {
     EXPECT_THROW(vyra::Measure(rec, o), std::runtime_error);
 }
 
-TEST(Measure, ManyComparedFramesGiveTheInMemoryAnalysisAndAnEarlierFailureWins) {
-    // Busy pages unlike the final one (600 small dark boxes at seeded places on
-    // white): every frame is detected and compared with the baseline while the
-    // frames are loaded and given back in turn.
-    std::vector<cv::Mat> frames = {solidFrame(320, 240)};
-    for (unsigned k = 0; k < 12; ++k) {
-        cv::Mat busy = solidFrame(320, 240);
-        cv::RNG rng(40 + k);
-        for (int n = 0; n < 600; ++n) {
-            const cv::Rect box(rng.uniform(0, 311), rng.uniform(0, 231), rng.uniform(3, 9), rng.uniform(3, 9));
-            cv::rectangle(busy, box, cv::Scalar::all(rng.uniform(0, 90)), cv::FILLED);
-        }
-        frames.push_back(busy);
-    }
-    for (int k = 0; k < 3; ++k) frames.push_back(loadedPageFrame(320, 240));
+TEST(Measure, AnEarlierFramesFailureWinsOverALaterOne) {
+    // (Measure against the in-memory analysis: the pins of regression/, recorded before frames streamed.)
     TempDir dir;
-    std::vector<long long> times;
-    for (size_t k = 0; k < frames.size(); ++k) times.push_back(1000 + 100 * static_cast<long long>(k));
-    const std::string rec = writeTimed(dir / "rec", frames, times);
-    for (const bool stable : {false, true}) {
-        vyra::MeasureOptions o;
-        o.stableBaseline = stable;
-        const vyra::AnalysisResult measured = vyra::Measure(rec, o).analysis;
-        std::vector<cv::Mat> copy = frames;
-        const vyra::AnalysisResult expected = vyra::Analyzer(20.0, 0.5, 0.85, 0.15, 200).Analyze(copy, STATIC_PAGE, stable);
-        EXPECT_EQ(measured.loadFinishedIndex, 13);  // the first frame of the final page
-        EXPECT_EQ(measured.staticResult.baselineIndex, expected.staticResult.baselineIndex);
-        EXPECT_EQ(measured.staticResult.objectCounts, expected.staticResult.objectCounts);
-        EXPECT_EQ(measured.staticResult.preLoadedPsnr, expected.staticResult.preLoadedPsnr);
-        EXPECT_EQ(measured.staticResult.firstFrameIndex, expected.staticResult.firstFrameIndex);
-    }
     // Frame 1 is too small for the ignore region, frame 3 does not decode: frame 1 is the error.
     const cv::Mat small = texturedFrame(120, 200, 5);
     const std::string broken = writeTimed(dir / "broken", {small, solidFrame(60, 100), small, small}, {0, 1, 2, 3});
@@ -337,9 +309,8 @@ TEST(Measure, ManyComparedFramesGiveTheInMemoryAnalysisAndAnEarlierFailureWins) 
 }
 
 TEST(Measure, VisualProgressFollowsThePixelCountsOfWhatAppears) {
-    // Grid 15552 px, image and spinner 576 px each (see pageFrame).
-    const cv::Mat blank = pageFrame(false), grid = pageFrame(true), full = pageFrame(true, true),
-                  spinner = pageFrame(true, false, true);
+    // Grid 15552 px, image 576 px (see pageFrame).
+    const cv::Mat blank = pageFrame(false), grid = pageFrame(true), full = pageFrame(true, true);
     std::vector<cv::Mat> noisy, clock, still;
     for (int k = 0; k < 10; ++k) noisy.push_back(withNoise(pageFrame(k >= 1), 6, 100u + static_cast<unsigned>(k)));
     for (int k = 0; k < 8; ++k) clock.push_back(pageFrame(k >= 1, false, false, "12:0" + std::to_string(k)));
@@ -359,11 +330,7 @@ TEST(Measure, VisualProgressFollowsThePixelCountsOfWhatAppears) {
         // The late image: before it 15552 of 16128 changed pixels, 27/28.
         {"late image", {blank, blank, grid, grid, full, full}, {0, 100, 200, 1200, 2200, 2300}, O(),
          {0, 0, 27.0 / 28, 27.0 / 28, 1, 1}, 2, 4, 2, 4, 200 + 2000.0 / 28, 0},
-        // A spinner comes back: 26/27 stays above 0.95, the last crossing of 0.99 counts.
-        {"spinner", {blank, grid, grid, spinner, spinner, grid, grid}, {0, 100, 200, 300, 400, 500, 600}, O(),
-         {0, 1, 1, 26.0 / 27, 26.0 / 27, 1, 1}, 1, 5, 1, 5, 100 + 200.0 / 27, 0},
         {"noise tolerated", noisy, tenths, options([](O& o) { o.visualProgress.levelTolerance = 20; }), {}, 1, 1, 1, 1, 100, 20},
-        {"noise counted", noisy, tenths, options([](O& o) { o.visualProgress.levelTolerance = 0; }), {}, 1, 9, -2, -2, -1, 0},
         {"noise, auto: 0 for PNG", noisy, tenths, O(), {}, 1, 9, -2, -2, -1, 0},
         {"clock", clock, {0, 100, 200, 300, 400, 500, 600, 700}, O(), {}, 1, 7, -2, -2, -1, 0},
         {"clock ignored", clock, {0, 100, 200, 300, 400, 500, 600, 700},

@@ -470,7 +470,7 @@ Bytes packRow(const std::vector<uint16_t>& samples, int depth) {
 Bytes imageData(const PngSpec& spec, std::mt19937& rng) {
     const int channels = channelsOf(spec.colorType), bpp = std::max(1, channels * spec.bitDepth / 8);
     std::vector<uint16_t> samples(size_t(spec.width) * spec.height * channels);
-    for (uint16_t& s : samples) s = spec.flat ? 0 : static_cast<uint16_t>(rng() % (1u << spec.bitDepth));
+    for (uint16_t& s : samples) s = static_cast<uint16_t>(rng() % (1u << spec.bitDepth));
     static const int adam7[7][4] = {{0, 0, 8, 8}, {4, 0, 8, 8}, {0, 4, 4, 8}, {2, 0, 4, 4}, {0, 2, 2, 4}, {1, 0, 2, 2}, {0, 1, 1, 2}};
     static const int progressive[1][4] = {{0, 0, 1, 1}};
     Bytes raw;
@@ -506,36 +506,33 @@ Bytes MakePng(const PngSpec& spec) {
     std::mt19937 rng(spec.seed);
     Bytes png = pngHeader(static_cast<unsigned>(spec.width), static_cast<unsigned>(spec.height), spec.bitDepth,
                           spec.colorType, spec.interlaced);
-    const bool grey = (spec.colorType & 2) == 0;
-    const auto randomBytes = [&rng](Bytes bytes, int count) {
+    const auto randomBytes = [&rng](int count) {
+        Bytes bytes;
         for (int i = 0; i < count; ++i) bytes.push_back(static_cast<unsigned char>(rng()));
         return bytes;
     };
-    if (spec.metadata) {
-        Bytes gamma, chrm;
+    if (spec.metadata) {  // gamma, chromaticities, sRGB, a broken ICC profile (libpng only warns)
+        Bytes gamma, chrm, iccp = {'I', 'C', 'C', 0, 0, 0x78, 0x9c};
         putBe32(gamma, 45455);
         for (uint32_t v : {31270u, 32900u, 64000u, 33000u, 30000u, 60000u, 15000u, 6000u}) putBe32(chrm, v);
+        const Bytes garbage = randomBytes(120);
+        iccp.insert(iccp.end(), garbage.begin(), garbage.end());
         putChunk(png, "gAMA", gamma);
         putChunk(png, "cHRM", chrm);
         putChunk(png, "sRGB", Bytes{0});
+        putChunk(png, "iCCP", iccp);
     }
-    if (spec.brokenIccProfile) putChunk(png, "iCCP", randomBytes({'I', 'C', 'C', 0, 0, 0x78, 0x9c}, 120));
     if (spec.exifOrientation > 0) {
         Bytes exif = {'M', 'M', 0, 0x2a, 0, 0, 0, 8, 0, 1, 0x01, 0x12, 0, 3, 0, 0, 0, 1};  // IFD0: one SHORT
         putBe16(exif, static_cast<uint32_t>(spec.exifOrientation));
         exif.insert(exif.end(), {0, 0, 0, 0, 0, 0});
         putChunk(png, "eXIf", exif);
     }
-    if (spec.colorType == 3) putChunk(png, "PLTE", randomBytes({}, 3 * spec.paletteEntries));
+    if (spec.colorType == 3) putChunk(png, "PLTE", randomBytes(3 * spec.paletteEntries));
     if (spec.transparency) {
-        Bytes trns;
+        Bytes trns = spec.colorType == 3 ? randomBytes(spec.paletteEntries) : Bytes();
         for (int c = 0; spec.colorType != 3 && c < channelsOf(spec.colorType); ++c) putBe16(trns, rng() % (1u << spec.bitDepth));
-        putChunk(png, "tRNS", spec.colorType == 3 ? randomBytes({}, spec.paletteEntries) : trns);
-    }
-    if (spec.metadata) {  // a background a compositing decoder would use
-        Bytes background;
-        for (int c = 0; c < (spec.colorType == 3 ? 0 : grey ? 1 : 3); ++c) putBe16(background, rng() % (1u << spec.bitDepth));
-        putChunk(png, "bKGD", spec.colorType == 3 ? Bytes{0} : background);
+        putChunk(png, "tRNS", trns);
     }
     const Bytes data = imageData(spec, rng);
     for (size_t at = 0; at < data.size(); at += 500) {
@@ -543,15 +540,6 @@ Bytes MakePng(const PngSpec& spec) {
     }
     putChunk(png, "IEND", {});
     return png;
-}
-
-std::string Describe(const PngSpec& spec) {
-    static const char* types[] = {"grey", "?", "rgb", "palette", "greyalpha", "?", "rgba"};
-    return types[spec.colorType] + std::to_string(spec.bitDepth) + "_" + std::to_string(spec.width) + "x" +
-           std::to_string(spec.height) + (spec.interlaced ? "_adam7" : "") + (spec.transparency ? "_trns" : "") +
-           (spec.metadata ? "_meta" : "") + (spec.brokenIccProfile ? "_badiccp" : "") +
-           (spec.exifOrientation > 0 ? "_exif" + std::to_string(spec.exifOrientation) : "") +
-           (spec.colorType == 3 ? "_pal" + std::to_string(spec.paletteEntries) : "");
 }
 
 }  // namespace vyra_test

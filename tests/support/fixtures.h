@@ -164,15 +164,12 @@ struct PngSpec {
     int bitDepth = 8;
     bool interlaced = false;
     int paletteEntries = 0;         // colour type 3; indices may exceed it
-    bool transparency = false;      // tRNS
-    bool metadata = false;          // gAMA, cHRM, sRGB, bKGD
-    bool brokenIccProfile = false;  // an iCCP chunk of garbage: libpng only warns
-    int exifOrientation = 0;        // an eXIf chunk when > 0
-    bool flat = false;              // all samples 0: a tiny file for a large image
+    bool transparency = false;  // tRNS
+    bool metadata = false;      // gAMA, cHRM, sRGB and an iCCP chunk of garbage
+    int exifOrientation = 0;    // an eXIf chunk when > 0
     uint32_t seed = 1;
 };
 std::vector<unsigned char> MakePng(const PngSpec& spec);
-std::string Describe(const PngSpec& spec);
 
 }  // namespace vyra_test
 

@@ -272,21 +272,6 @@ TEST(Batch, UsageAndInputErrorsWriteNothing) {
     }
 }
 
-TEST(Batch, ProgressBarOnlyOnATerminal) {
-    TempDir dir;
-    const std::string a = writeLaunch(dir / "a", 1, 100);
-    const std::string b = writeLaunch(dir / "b", 2, 100);
-    const ProcessResult terminal = runVyra({"batch", a, b, "--out", (dir / "1.jsonl").string()}, {}, true);
-    EXPECT_EQ(terminal.exitCode, 0);
-    EXPECT_NE(terminal.err.find("recordings ["), std::string::npos) << terminal.err;
-    EXPECT_NE(terminal.err.find("2/2"), std::string::npos) << terminal.err;
-    const ProcessResult piped = runVyra({"batch", a, b, "--out", (dir / "2.jsonl").string()});
-    EXPECT_EQ(piped.err, "");
-    const ProcessResult quiet = runVyra({"batch", a, b, "--out", (dir / "3.jsonl").string(), "--quiet"}, {}, true);
-    EXPECT_EQ(quiet.err, "");
-    EXPECT_EQ(terminal.out, piped.out);
-}
-
 TEST(Batch, InterruptedBatchLeavesWholeLinesAndResumes) {
     TempDir dir;
     std::vector<std::string> args = {cliPath(), "batch"};
