@@ -66,24 +66,17 @@ TEST(Rect, ApproximateOverlapNeedsTheSameSizeAndCentresWithinToleranceTimesEachS
         double tolerance;
         bool overlap;
     } cases[] = {
-        {square, Rect(3, 0, 12, 9), 0.3, true},     // dx 3 = 0.3 * 10: inclusive
-        {square, Rect(4, 0, 13, 9), 0.3, false},    // dx 4
-        {Rect(3, 0, 12, 9), square, 0.3, true},     // either direction
-        {square, Rect(0, 3, 9, 12), 0.3, true},     // dy 3
-        {square, Rect(0, -4, 9, 5), 0.3, false},    // dy 4
-        {wide, Rect(6, 3, 25, 12), 0.3, true},      // 0.3 of 20 across, of 10 down
-        {wide, Rect(7, 0, 26, 9), 0.3, false},
-        {wide, Rect(0, 4, 19, 13), 0.3, false},
-        {square, Rect(0, 0, 9, 10), 1e9, false},    // one pixel taller
-        {Rect(0, 0, 9, 19), Rect(0, 0, 19, 9), 1e9, false},  // same area, turned
-        {square, Rect(9, 9, 0, 0), 0.0, true},
-        {square, Rect(1, 0, 10, 9), 0.0, false},
-        {square, square, nan, false},
-        {square, square, -0.1, false},
+        {square, Rect(3, 0, 12, 9), 0.3, true}, {square, Rect(4, 0, 13, 9), 0.3, false},  // dx 3 = 0.3 * 10: inclusive
+        {Rect(3, 0, 12, 9), square, 0.3, true},                                           // either direction
+        {square, Rect(0, 3, 9, 12), 0.3, true}, {square, Rect(0, -4, 9, 5), 0.3, false},  // dy 3, dy 4
+        {wide, Rect(6, 3, 25, 12), 0.3, true},  // 0.3 of 20 across, of 10 down
+        {wide, Rect(7, 0, 26, 9), 0.3, false}, {wide, Rect(0, 4, 19, 13), 0.3, false},
+        {square, Rect(0, 0, 9, 10), 1e9, false}, {Rect(0, 0, 9, 19), Rect(0, 0, 19, 9), 1e9, false},  // sizes differ
+        {square, Rect(9, 9, 0, 0), 0.0, true}, {square, Rect(1, 0, 10, 9), 0.0, false},
+        {square, square, nan, false}, {square, square, -0.1, false},
         {Rect(-5, 0, 4, 9), Rect(-1, 0, 8, 9), 0.3, false},  // centres -0.5 and 3.5: 4 apart
         {Rect(-5, 0, 4, 9), Rect(-1, 0, 8, 9), 0.4, true},
-        {Rect(0, 0, 3, 3), Rect(1, 0, 4, 3), 0.25, true},    // 1.0 = 0.25 * 4
-        {Rect(0, 0, 3, 3), Rect(1, 0, 4, 3), 0.2, false},
+        {Rect(0, 0, 3, 3), Rect(1, 0, 4, 3), 0.25, true}, {Rect(0, 0, 3, 3), Rect(1, 0, 4, 3), 0.2, false},  // 1 = 0.25 * 4
     };
     for (const auto& c : cases) {
         EXPECT_EQ(c.a.ApproximateOverlap(c.b, c.tolerance), c.overlap)
@@ -97,12 +90,9 @@ TEST(Rect, TotalAreaCountsEveryCoveredPixelOnce) {
         std::vector<Rect> boxes;
         int area;
     } cases[] = {
-        {{}, 0},
-        {{Rect(40, 7, 40, 7)}, 1},
-        {{Rect(0, 0, 9, 9), Rect(9, 9, 0, 0)}, 100},                      // the same box twice
-        {{Rect(0, 0, 9, 9), Rect(5, 5, 14, 14)}, 175},                    // 100 + 100 - 25
-        {{Rect(0, 0, 9, 9), Rect(10, 0, 19, 9)}, 200},                    // touching
-        {{Rect(2, 2, 3, 3), Rect(0, 0, 9, 9)}, 100},                      // nested
+        {{}, 0}, {{Rect(40, 7, 40, 7)}, 1}, {{Rect(0, 0, 9, 9), Rect(9, 9, 0, 0)}, 100},  // the same box twice
+        {{Rect(0, 0, 9, 9), Rect(5, 5, 14, 14)}, 175},                                  // 100 + 100 - 25
+        {{Rect(0, 0, 9, 9), Rect(10, 0, 19, 9)}, 200}, {{Rect(2, 2, 3, 3), Rect(0, 0, 9, 9)}, 100},  // touching, nested
         {{Rect(300, 200, 301, 201), Rect(310, 210, 311, 211)}, 8},        // far from the origin
         {{Rect(-5, -5, 4, 4), Rect(0, 0, 9, 9)}, 175},
         {{Rect(0, 0, 9, 9), Rect(5, 5, 14, 14), Rect(10, 10, 19, 19)}, 250},  // 100 + 75 + 75

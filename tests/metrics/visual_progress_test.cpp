@@ -191,27 +191,10 @@ cv::Mat noisy(const cv::Mat& frame, unsigned seed) {
     return out;
 }
 
-TEST(VisualProgress, NoiseIsNoChangeAndOtherLayoutsOfTheSamePixelsReadAlike) {
-    std::vector<cv::Mat> frames = lateBlockFrames(), withNoise, grey, bgra, views;
-    cv::RNG rng(3);
-    for (size_t k = 0; k < frames.size(); ++k) {
-        withNoise.push_back(noisy(frames[k], static_cast<unsigned>(k) + 1));
-        cv::Mat g, alpha(frames[k].size(), CV_8U), a, canvas = vyra_test::texturedFrame(260, 170, 5);
-        cv::cvtColor(frames[k], g, cv::COLOR_BGR2GRAY);
-        rng.fill(alpha, cv::RNG::UNIFORM, 0, 256);  // a different random alpha plane each
-        std::vector<cv::Mat> planes;
-        cv::split(frames[k], planes);
-        planes.push_back(alpha);
-        cv::merge(planes, a);
-        grey.push_back(g);
-        bgra.push_back(a);
-        frames[k].copyTo(canvas(cv::Rect(30, 20, 200, 120)));
-        views.push_back(canvas(cv::Rect(30, 20, 200, 120)));  // not continuous
-    }
+TEST(VisualProgress, NoiseIsNoChangeUpToTheToleranceAndThroughTheSlop) {
+    std::vector<cv::Mat> withNoise;
+    for (size_t k = 0; k < lateBlockFrames().size(); ++k) withNoise.push_back(noisy(lateBlockFrames()[k], static_cast<unsigned>(k) + 1));
     expectLateBlock(track(withNoise, kLateTimes), "noise, estimated tolerance");
-    expectLateBlock(track(grey, kLateTimes), "grey");
-    expectLateBlock(track(bgra, kLateTimes), "BGRA");
-    expectLateBlock(track(views, kLateTimes), "views");
 
     VisualProgressOptions pixels;  // two noisy frames differ by at most 4 levels
     pixels.blockSize = 1, pixels.levelTolerance = 4, pixels.areaTolerance = 0;

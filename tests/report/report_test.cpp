@@ -1,11 +1,9 @@
 // The launch reports: the HTML page, the comparison page and the PNG filmstrip,
-// read back and checked against the frames they were made of, and the page
-// in a real browser (headless Chromium, the network cut off).
+// read back and checked against the frames they were made of.
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cstdio>
-#include <cstdlib>
 #include <functional>
 #include <map>
 #include <regex>
@@ -13,7 +11,6 @@
 #include <tuple>
 
 #include <opencv2/imgcodecs.hpp>
-#include <opencv2/imgproc.hpp>
 
 #include "VyraLaunchReport.h"
 #include "fixtures.h"
@@ -159,36 +156,4 @@ TEST_F(Reports, WritersRefuseMissingMaterialAndUnwritablePaths) {
         }
     }
     EXPECT_FALSE(fs::exists(dir / "out") || fs::exists(dir / "missing"));
-}
-
-TEST(ReportInBrowser, ScriptRunsCleanAndPicturesShow) {
-    const char* given = std::getenv("VYRA_CHROMIUM");
-    const std::string chromium = given != nullptr && *given != '\0' ? given : fs::exists("/usr/bin/chromium") ? "/usr/bin/chromium" : "";
-    if (chromium.empty()) GTEST_SKIP() << "Chromium is not installed (scripts/common.sh installs it)";
-    TempDir dir;
-    std::vector<cv::Mat> frames;
-    for (int k = 0; k < 6; ++k) frames.push_back(texturedFrame(120, 160, 11 + k));
-    const vyra::MeasureResult result = measured(dir / "rec", frames, {0, 150, 300, 450, 600, 750}, 160);  // drawn at its own size
-    vyra::WriteReport((dir / "report.html").string(), result, "browser");
-    const auto run = [&](std::vector<std::string> args) {
-        std::vector<std::string> argv = {chromium, "--headless", "--no-sandbox", "--disable-gpu", "--no-first-run",
-                                         "--disable-background-networking", "--host-resolver-rules=MAP * ~NOTFOUND",
-                                         "--hide-scrollbars", "--force-device-scale-factor=1", "--enable-logging=stderr",
-                                         "--v=0", "--user-data-dir=" + (dir / "profile").string()};
-        argv.insert(argv.end(), args.begin(), args.end());
-        argv.push_back("file://" + (dir / "report.html").string());
-        return runProcess(argv);
-    };
-    const ProcessResult dom = run({"--dump-dom"});
-    ASSERT_EQ(dom.exitCode, 0) << dom.err;
-    EXPECT_EQ(dom.err.find("CONSOLE"), std::string::npos) << dom.err;  // the page logged nothing, threw nothing
-    EXPECT_GT(count(dom.out, "<img data-p="), 0u);
-    EXPECT_EQ(count(dom.out, "<img data-p="), count(dom.out, "src=\"data:image/jpeg;base64,"));
-    ASSERT_EQ(run({"--window-size=1280,1400", "--screenshot=" + (dir / "shot.png").string()}).exitCode, 0);
-    cv::Mat score;
-    cv::matchTemplate(cv::imread((dir / "shot.png").string(), cv::IMREAD_COLOR),
-                      cv::imdecode(*result.report->filmstrip.front().jpeg, cv::IMREAD_COLOR), score, cv::TM_CCOEFF_NORMED);
-    double best = 0.0;
-    cv::minMaxLoc(score, nullptr, &best);
-    EXPECT_GT(best, 0.9);
 }

