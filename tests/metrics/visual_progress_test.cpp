@@ -1,18 +1,15 @@
-// Visual progress measures on generated frame sequences whose answers follow
-// from how they were built: white pages gaining solid blocks of known pixel
-// counts, so that progress is a ratio of changed pixel counts.
+// Visual progress on white pages gaining solid blocks of known pixel counts:
+// progress is a ratio of changed pixel counts (per channel), the visual
+// change frames and the speed index follow from the chosen times.
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <cstdlib>
+#include <random>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include <opencv2/imgproc.hpp>
-#include <opencv2/videoio.hpp>
 
-#include "VyraSample.h"
 #include "VyraVisualProgress.h"
 #include "fixtures.h"
 
@@ -22,642 +19,265 @@ using vyra::VisualProgress;
 using vyra::VisualProgressOptions;
 using vyra::VisualProgressTracker;
 
-const cv::Scalar kWhite(255, 255, 255);
-const cv::Scalar kBlack(0, 0, 0);
-const cv::Scalar kRed(0, 0, 255);  // BGR: changes B and G of white, not R
+const cv::Scalar kBlack(0, 0, 0), kRed(0, 0, 255);  // red changes B and G of white, not R
 
 struct Block {
     cv::Rect area;
     cv::Scalar colour;
 };
 
-// A white 200x120 page (24000 pixels) with solid blocks painted in order.
-cv::Mat Page(const std::vector<Block>& blocks, cv::Size size = cv::Size(200, 120)) {
-    cv::Mat page = vyra_test::solidFrame(size.width, size.height, kWhite);
-    for (const Block& block : blocks) {
-        page(block.area).setTo(block.colour);
-    }
-    return page;
+// A white page (200x120 = 24000 px unless another size is given) with solid blocks.
+cv::Mat page(const std::vector<Block>& blocks, cv::Size size = cv::Size(200, 120)) {
+    cv::Mat frame = vyra_test::solidFrame(size.width, size.height);
+    for (const Block& b : blocks) frame(b.area).setTo(b.colour);
+    return frame;
 }
 
-// Adds deterministic noise of -2, -1, +1 or +2 levels to every channel of
-// every pixel (saturating at 0 and 255), like the grain of lossy encoding.
-cv::Mat WithNoise(const cv::Mat& frame, unsigned seed) {
-    cv::Mat noisy = frame.clone();
-    unsigned state = seed * 2654435761u + 1u;
-    const int steps[4] = {-2, -1, 1, 2};
-    for (int y = 0; y < noisy.rows; ++y) {
-        uchar* row = noisy.ptr<uchar>(y);
-        for (int x = 0; x < noisy.cols * noisy.channels(); ++x) {
-            state = state * 1664525u + 1013904223u;
-            row[x] = cv::saturate_cast<uchar>(row[x] + steps[state >> 30]);
-        }
-    }
-    return noisy;
-}
-
-// The same page in muted colours, white -> 200 and black -> 50, so that
-// noise is not cut off at 0 and 255.
-cv::Mat Muted(const cv::Mat& frame) {
-    cv::Mat muted;
-    frame.convertTo(muted, -1, 150.0 / 255.0, 50);
-    return muted;
-}
-
-VisualProgress Track(const std::vector<cv::Mat>& frames, const std::vector<double>& timesMs,
-                   const VisualProgressOptions& options = {}) {
+VisualProgress track(const std::vector<cv::Mat>& frames, const std::vector<double>& timesMs, VisualProgressOptions options = {}) {
     VisualProgressTracker tracker(options);
-    for (size_t k = 0; k < frames.size(); ++k) {
-        EXPECT_TRUE(tracker.AddFrame(frames[k], timesMs[k])) << "frame " << k;
-    }
+    for (size_t k = 0; k < frames.size(); ++k) EXPECT_TRUE(tracker.AddFrame(frames[k], timesMs[k])) << k;
     return tracker.Finish();
 }
 
-// The late-block launch: a header (200x24 = 4800 px), then a body
-// (160x64 = 10240 px), then, 2 s later, a small block (40x24 = 960 px); all
-// black on white, so 16000 pixels change in all, in every channel.
-const Block kHeader{cv::Rect(0, 0, 200, 24), kBlack};
-const Block kBody{cv::Rect(0, 32, 160, 64), kBlack};
-const Block kLate{cv::Rect(160, 96, 40, 24), kBlack};
+// Header 4800 px, body 10240 px, then 2 s later a block of 960: 16000 px change.
+const Block kHeader{{0, 0, 200, 24}, kBlack}, kBody{{0, 32, 160, 64}, kBlack}, kLate{{160, 96, 40, 24}, kBlack};
+const std::vector<double> kLateTimes = {0, 100, 200, 300, 400, 2300, 2400, 2500};
 
-std::vector<cv::Mat> LateBlockFrames() {
-    return {Page({}),
-            Page({}),
-            Page({kHeader}),
-            Page({kHeader, kBody}),
-            Page({kHeader, kBody}),
-            Page({kHeader, kBody, kLate}),
-            Page({kHeader, kBody, kLate}),
-            Page({kHeader, kBody, kLate})};
-}
-const std::vector<double> kLateBlockTimes = {0, 100, 200, 300, 400, 2300, 2400, 2500};
-
-void ExpectLateBlockMeasures(const VisualProgress& r) {
-    ASSERT_EQ(r.progress.size(), 8u);
-    const std::vector<double> expected = {0, 0, 4800.0 / 16000, 15040.0 / 16000,
-                                          15040.0 / 16000, 1, 1, 1};
-    for (size_t k = 0; k < expected.size(); ++k) {
-        EXPECT_DOUBLE_EQ(r.progress[k], expected[k]) << "frame " << k;
-    }
-    EXPECT_EQ(r.timesMs, kLateBlockTimes);
-    EXPECT_EQ(r.firstVisualChange, 2);
-    EXPECT_DOUBLE_EQ(r.firstVisualChangeMs, 200);
-    EXPECT_EQ(r.lastVisualChange, 5);
-    EXPECT_DOUBLE_EQ(r.lastVisualChangeMs, 2300);
-    // 0.94 reached at frame 3 and kept; 0.95 and 0.99 only with the late block.
-    EXPECT_EQ(r.visuallyComplete85, 3);
-    EXPECT_DOUBLE_EQ(r.visuallyComplete85Ms, 300);
-    EXPECT_EQ(r.visuallyComplete95, 5);
-    EXPECT_DOUBLE_EQ(r.visuallyComplete95Ms, 2300);
-    EXPECT_EQ(r.visuallyComplete99, 5);
-    EXPECT_DOUBLE_EQ(r.visuallyComplete99Ms, 2300);
-    // 100 * 1 + 100 * 1 + 100 * 0.7 + 100 * 0.06 + 1900 * 0.06
-    EXPECT_NEAR(r.speedIndexMs, 390.0, 1e-9);
+std::vector<cv::Mat> lateBlockFrames() {
+    return {page({}), page({}), page({kHeader}), page({kHeader, kBody}), page({kHeader, kBody}),
+            page({kHeader, kBody, kLate}), page({kHeader, kBody, kLate}), page({kHeader, kBody, kLate})};
 }
 
-TEST(VisualProgress, LateBlockSetsLastChangeAndLateCompletion) {
-    const VisualProgress r = Track(LateBlockFrames(), kLateBlockTimes);
-    ExpectLateBlockMeasures(r);
-    // Changed fractions: blocks are aligned to the 8x8 grid, so they count exactly.
-    const std::vector<double> changed = {0, 0, 4800.0 / 24000, 10240.0 / 24000, 0,
-                                         960.0 / 24000, 0, 0};
-    ASSERT_EQ(r.changedFraction.size(), changed.size());
-    for (size_t k = 0; k < changed.size(); ++k) {
-        EXPECT_DOUBLE_EQ(r.changedFraction[k], changed[k]) << "frame " << k;
+void expectLateBlock(const VisualProgress& r, const std::string& what) {
+    const std::vector<double> expected = {0, 0, 4800.0 / 16000, 15040.0 / 16000, 15040.0 / 16000, 1, 1, 1};
+    ASSERT_EQ(r.progress.size(), expected.size()) << what;
+    for (size_t k = 0; k < expected.size(); ++k) EXPECT_DOUBLE_EQ(r.progress[k], expected[k]) << what << " " << k;
+    EXPECT_EQ((std::vector<int>{r.firstVisualChange, r.lastVisualChange, r.visuallyComplete85, r.visuallyComplete95,
+                                r.visuallyComplete99}),
+              (std::vector<int>{2, 5, 3, 5, 5}))
+        << what;
+    EXPECT_EQ((std::vector<double>{r.firstVisualChangeMs, r.lastVisualChangeMs, r.visuallyComplete85Ms, r.visuallyComplete99Ms}),
+              (std::vector<double>{200, 2300, 300, 2300}))
+        << what;
+    EXPECT_NEAR(r.speedIndexMs, 100 + 100 + 100 * 0.7 + 100 * 0.06 + 1900 * 0.06, 1e-9) << what;
+}
+
+TEST(VisualProgress, SequencesOfBlocksGiveTheirPixelRatiosChangesAndSpeedIndex) {
+    expectLateBlock(track(lateBlockFrames(), kLateTimes), "late block");
+    EXPECT_EQ(track(lateBlockFrames(), kLateTimes).changedFraction,
+              (std::vector<double>{0, 0, 4800.0 / 24000, 10240.0 / 24000, 0, 960.0 / 24000, 0, 0}));
+
+    const Block content{{0, 0, 200, 48}, kBlack}, spinner{{80, 64, 40, 40}, kRed}, top{{0, 0, 200, 24}, kBlack},
+        bottom{{0, 24, 200, 24}, kBlack}, most{{0, 0, 200, 41}, kBlack}, rest{{0, 41, 200, 9}, kBlack};
+    const cv::Rect square(0, 0, 40, 40);
+    const struct {
+        const char* what;
+        std::vector<cv::Mat> frames;
+        std::vector<double> times, progress;
+        int first, last, complete85, complete95, complete99;
+        double speedIndexMs;
+    } cases[] = {
+        // A red overlay over the white part: B and G lose 1600 of 9600 each: (8000 + 8000 + 9600) / 28800.
+        {"regression", {page({}), page({content}), page({content, spinner}), page({content}), page({content})},
+         {0, 500, 1000, 1500, 2000}, {0, 1, 8.0 / 9, 1, 1}, 1, 3, 1, 3, 3, 500 + 500.0 / 9},
+        {"channels", {page({}), page({{square, kRed}}), page({{{80, 0, 40, 40}, kBlack}}), page({{square, kRed}, {{80, 0, 40, 40}, kBlack}})},
+         {0, 10, 20, 30}, {0, 3200.0 / 8000, 4800.0 / 8000, 1}, 1, 3, 3, 3, 3, 10 * 1 + 10 * 0.6 + 10 * 0.4},
+        // Farther from the end than the start: 0, not negative.
+        {"clamped", {page({}), page({{{0, 0, 200, 96}, kRed}}), page({{{0, 96, 40, 24}, kBlack}})}, {0, 1, 2}, {0, 0, 1},
+         1, 2, 2, 2, 2, 2},
+        // B arrived (1600 of 1600), G farther than at the start (0), R never changes: 1600 / 3200.
+        {"channel moving away", {page({}), page({{square, {0, 255, 255}}, {{40, 0, 120, 40}, {255, 0, 255}}}), page({{square, kRed}})},
+         {0, 1, 2}, {0, 0.5, 1}, 1, 2, 2, 2, 2, 1.5},
+        {"same first and last", {page({}), page({{{0, 0, 200, 120}, kBlack}}), page({}), page({})}, {0, 100, 200, 300},
+         {1, 1, 1, 1}, 1, 2, 0, 0, 0, 0},
+        {"steps", {page({}), page({top}), page({top, bottom})}, {0, 1000, 2000}, {0, 0.5, 1}, 1, 2, 2, 2, 2, 1500},
+        {"stops at the last change", {page({}), page({}), page({top}), page({top})}, {40, 240, 1040, 90000}, {0, 0, 1, 1},
+         2, 2, 2, 2, 2, 1000},
+        {"0.82 is not 0.85", {page({}), page({most}), page({most, rest})}, {0, 100, 200}, {0, 8200.0 / 10000, 1}, 1, 2, 2, 2, 2,
+         100 + 100 * 0.18},
+        {"one frame", {page({kHeader})}, {250}, {1}, -1, -1, 0, 0, 0, 0},
+        {"none", {}, {}, {}, -1, -1, -1, -1, -1, std::nan("")},
+        // Other sizes compare by colour shares: 20 % black of 150x90 is half of 40 %.
+        {"sizes", {page({}), page({{{0, 0, 150, 18}, kBlack}}, {150, 90}), page({content})}, {0, 100, 200}, {0, 0.5, 1}, 1, 2, 2, 2,
+         2, 150},
+        {"first of another size", {page({}, {100, 60}), page({{{0, 0, 200, 15}, kBlack}}), page({{{0, 0, 200, 30}, kBlack}})},
+         {0, 1, 2}, {0, 0.5, 1}, 1, 2, 2, 2, 2, 1.5},
+    };
+    for (const auto& c : cases) {
+        const VisualProgress r = track(c.frames, c.times);
+        ASSERT_EQ(r.progress.size(), c.progress.size()) << c.what;
+        for (size_t k = 0; k < c.progress.size(); ++k) EXPECT_DOUBLE_EQ(r.progress[k], c.progress[k]) << c.what << " " << k;
+        EXPECT_EQ((std::vector<int>{r.firstVisualChange, r.lastVisualChange, r.visuallyComplete85, r.visuallyComplete95,
+                                    r.visuallyComplete99}),
+                  (std::vector<int>{c.first, c.last, c.complete85, c.complete95, c.complete99}))
+            << c.what;
+        EXPECT_EQ(r.timesMs, c.times);
+        const auto time = [&](int index) { return index < 0 ? std::nan("") : c.times[static_cast<size_t>(index)]; };
+        for (const auto& [ms, index] : {std::pair{r.firstVisualChangeMs, c.first}, std::pair{r.lastVisualChangeMs, c.last},
+                                        std::pair{r.visuallyComplete95Ms, c.complete95}}) {
+            EXPECT_TRUE(ms == time(index) || (std::isnan(ms) && std::isnan(time(index)))) << c.what << " " << ms;
+        }
+        EXPECT_TRUE(std::abs(r.speedIndexMs - c.speedIndexMs) < 1e-9 || (std::isnan(r.speedIndexMs) && std::isnan(c.speedIndexMs)))
+            << c.what << ": " << r.speedIndexMs;
     }
 }
 
-TEST(VisualProgress, NoiseOnEveryFrameChangesNothing) {
-    std::vector<cv::Mat> frames = LateBlockFrames();
-    for (size_t k = 0; k < frames.size(); ++k) {
-        frames[k] = WithNoise(Muted(frames[k]), static_cast<unsigned>(k) + 1);
+TEST(VisualProgress, ToleranceSlopAndAreaLimitsAreInclusive) {
+    const cv::Rect area(0, 0, 40, 40), band(0, 0, 200, 60), left(0, 0, 100, 60), right(100, 0, 100, 60);
+    const auto grey = [](int v) { return cv::Scalar::all(v); };
+    const cv::Size small(20, 12);  // 8x8 blocks: the bottom-right one is 4x4
+    const struct {
+        const char* what;
+        std::vector<cv::Mat> frames;
+        int blockSize, levelTolerance, histogramSlop;
+        double areaTolerance;
+        int last;
+        std::vector<double> progress;  // empty: not checked
+    } cases[] = {
+        {"16 levels tolerated", {page({}), page({{area, grey(239)}})}, 8, 16, 8, 0, -1, {}},
+        {"17 are not", {page({}), page({{area, grey(238)}})}, 8, 16, 8, 0, 1, {}},
+        // Four pixels 80 darker move a 4x4 edge block's mean by 20, a full block's by 5.
+        {"edge block", {page({}, small), page({{{17, 9, 2, 2}, grey(175)}}, small)}, 8, 16, 8, 0, 1, {}},
+        {"full block", {page({}, small), page({{{2, 2, 2, 2}, grey(175)}}, small)}, 8, 16, 8, 0, -1, {}},
+        {"one block is the area tolerance", {page({}), page({{{8, 8, 8, 8}, kBlack}})}, 8, 0, 8, 64.0 / 24000, -1, {}},
+        {"two blocks exceed it", {page({}), page({{{8, 8, 16, 8}, kBlack}})}, 8, 0, 8, 64.0 / 24000, 1, {}},
+        {"8 levels off white are white", {page({}), page({{band, grey(247)}})}, 8, 0, 8, 0, 1, {1, 1}},
+        {"9 are not", {page({}), page({{band, grey(246)}})}, 8, 0, 8, 0, 1, {0, 1}},
+        {"5 lighter has arrived", {page({}), page({{band, grey(105)}}), page({{band, grey(100)}})}, 8, 0, 8, 0, 2, {0, 1, 1}},
+        // 100-105 and 110-114 pair; one shade of 110 stands for 105 or 114, not both.
+        {"slop pairs", {page({}), page({{left, grey(100)}, {right, grey(110)}}), page({{left, grey(105)}, {right, grey(114)}})},
+         8, 0, 5, 0, 2, {0, 1, 1}},
+        {"slop pairs once", {page({}), page({{left, grey(110)}}), page({{left, grey(105)}, {right, grey(114)}})}, 8, 0, 5, 0, 2,
+         {0, 0.5, 1}},
+    };
+    for (const auto& c : cases) {
+        VisualProgressOptions options;
+        options.blockSize = c.blockSize;
+        options.levelTolerance = c.levelTolerance;
+        options.histogramSlop = c.histogramSlop;
+        options.areaTolerance = c.areaTolerance;
+        std::vector<double> times;
+        for (size_t k = 0; k < c.frames.size(); ++k) times.push_back(static_cast<double>(k));
+        const VisualProgress r = track(c.frames, times, options);
+        EXPECT_EQ(r.lastVisualChange, c.last) << c.what;
+        if (!c.progress.empty()) {
+            EXPECT_EQ(r.progress, c.progress) << c.what;
+        }
     }
-    const VisualProgress r = Track(frames, kLateBlockTimes);
-    // Same answers as without noise: the slop pairs the smeared histogram
-    // values, the block means stay within the level tolerance.
-    ExpectLateBlockMeasures(r);
-    for (size_t k : {1u, 4u, 6u, 7u}) {
-        EXPECT_EQ(r.changedFraction[k], 0.0) << "frame " << k;
-    }
+    VisualProgressOptions wild;
+    wild.blockSize = 0, wild.levelTolerance = -5, wild.areaTolerance = std::nan(""), wild.histogramSlop = 300;
+    const VisualProgressOptions low = VisualProgressTracker(wild).Options();
+    EXPECT_EQ((std::vector<double>{double(low.blockSize), double(low.levelTolerance), low.areaTolerance, double(low.histogramSlop)}),
+              (std::vector<double>{1, vyra::kVisualProgressLevelToleranceAuto, vyra::kVisualProgressAreaTolerance, 255}));
+    wild.blockSize = 1000, wild.levelTolerance = 1000, wild.areaTolerance = 2, wild.histogramSlop = -1;
+    const VisualProgressOptions high = VisualProgressTracker(wild).Options();
+    EXPECT_EQ((std::vector<double>{double(high.blockSize), double(high.levelTolerance), high.areaTolerance, double(high.histogramSlop)}),
+              (std::vector<double>{256, 255, 1, 0}));
 }
 
-TEST(VisualProgress, NoiseIsToleratedPixelByPixelOnlyUpToTheLevel) {
-    // Two noisy frames differ by at most 4 levels per channel.
-    std::vector<cv::Mat> frames = LateBlockFrames();
-    for (size_t k = 0; k < frames.size(); ++k) {
-        frames[k] = WithNoise(Muted(frames[k]), static_cast<unsigned>(k) + 11);
+// Deterministic noise of -2, -1, +1 or +2 levels on every value of a page in
+// muted colours (white 200, black 50), so that nothing is cut at 0 or 255.
+cv::Mat noisy(const cv::Mat& frame, unsigned seed) {
+    cv::Mat out;
+    frame.convertTo(out, -1, 150.0 / 255.0, 50);
+    unsigned state = seed * 2654435761u + 1u;
+    const int steps[4] = {-2, -1, 1, 2};
+    for (int y = 0; y < out.rows; ++y) {
+        for (int x = 0; x < out.cols * out.channels(); ++x) {
+            state = state * 1664525u + 1013904223u;
+            out.ptr<uchar>(y)[x] = cv::saturate_cast<uchar>(out.ptr<uchar>(y)[x] + steps[state >> 30]);
+        }
     }
-    VisualProgressOptions pixels;
-    pixels.blockSize = 1;
-    pixels.levelTolerance = 4;
-    pixels.areaTolerance = 0;
-    VisualProgress r = Track(frames, kLateBlockTimes, pixels);
-    EXPECT_EQ(r.firstVisualChange, 2);
-    EXPECT_EQ(r.lastVisualChange, 5);
+    return out;
+}
 
+TEST(VisualProgress, NoiseIsNoChangeUpToTheToleranceAndThroughTheSlop) {
+    std::vector<cv::Mat> withNoise;
+    for (size_t k = 0; k < lateBlockFrames().size(); ++k) withNoise.push_back(noisy(lateBlockFrames()[k], static_cast<unsigned>(k) + 1));
+    expectLateBlock(track(withNoise, kLateTimes), "noise, estimated tolerance");
+
+    VisualProgressOptions pixels;  // two noisy frames differ by at most 4 levels
+    pixels.blockSize = 1, pixels.levelTolerance = 4, pixels.areaTolerance = 0;
+    EXPECT_EQ(track(withNoise, kLateTimes, pixels).lastVisualChange, 5);
     pixels.levelTolerance = 3;
-    r = Track(frames, kLateBlockTimes, pixels);
-    EXPECT_EQ(r.firstVisualChange, 1);
-    EXPECT_EQ(r.lastVisualChange, 7);
-}
-
-TEST(VisualProgress, NoiseWithoutSlopMovesTheProgress) {
-    std::vector<cv::Mat> frames = LateBlockFrames();
-    for (size_t k = 0; k < frames.size(); ++k) {
-        frames[k] = WithNoise(Muted(frames[k]), static_cast<unsigned>(k) + 21);
-    }
-    VisualProgressOptions exact;
+    EXPECT_EQ(track(withNoise, kLateTimes, pixels).lastVisualChange, 7);
+    VisualProgressOptions exact;  // without slop the grain keeps the page from arriving
     exact.histogramSlop = 0;
-    const VisualProgress r = Track(frames, kLateBlockTimes, exact);
-    // The finished page under other grain: its histograms differ bin by bin
-    // from the last frame's, so without slop it never quite arrives.
+    const VisualProgress r = track(withNoise, kLateTimes, exact);
     EXPECT_LT(r.progress[5], 1.0);
-    EXPECT_LT(r.progress[6], 1.0);
     EXPECT_EQ(r.visuallyComplete99, 7);
 }
 
-TEST(VisualProgress, RegressionCountsTheLastCrossing) {
-    // Content 200x48 black (9600 px); then a red 40x40 overlay (1600 px) on
-    // the white part, then the content alone again.
-    const Block content{cv::Rect(0, 0, 200, 48), kBlack};
-    const Block spinner{cv::Rect(80, 64, 40, 40), kRed};
-    const std::vector<cv::Mat> frames = {Page({}), Page({content}), Page({content, spinner}),
-                                         Page({content}), Page({content})};
-    const VisualProgress r = Track(frames, {0, 500, 1000, 1500, 2000});
-    // With the overlay: B and G lose 1600 of 9600 each, R stays, so
-    // (8000 + 8000 + 9600) / 28800 = 8/9.
-    ASSERT_EQ(r.progress.size(), 5u);
-    EXPECT_DOUBLE_EQ(r.progress[0], 0);
-    EXPECT_DOUBLE_EQ(r.progress[1], 1);
-    EXPECT_DOUBLE_EQ(r.progress[2], 8.0 / 9);
-    EXPECT_DOUBLE_EQ(r.progress[3], 1);
-    EXPECT_DOUBLE_EQ(r.progress[4], 1);
-    EXPECT_EQ(r.visuallyComplete85, 1);  // 8/9 >= 0.85: the first rise stays
-    EXPECT_EQ(r.visuallyComplete95, 3);
-    EXPECT_EQ(r.visuallyComplete99, 3);
-    EXPECT_DOUBLE_EQ(r.visuallyComplete99Ms, 1500);
-    EXPECT_EQ(r.firstVisualChange, 1);
-    EXPECT_EQ(r.lastVisualChange, 3);
-    EXPECT_NEAR(r.speedIndexMs, 500 + 500.0 / 9, 1e-9);
-}
-
-TEST(VisualProgress, ChannelsWeighByTheirChange) {
-    // Red (1600 px) changes two channels of white, black (1600 px) three.
-    const Block red{cv::Rect(0, 0, 40, 40), kRed};
-    const Block black{cv::Rect(80, 0, 40, 40), kBlack};
-    const VisualProgress r = Track({Page({}), Page({red}), Page({black}), Page({red, black})},
-                                 {0, 10, 20, 30});
-    EXPECT_DOUBLE_EQ(r.progress[1], 3200.0 / 8000);
-    EXPECT_DOUBLE_EQ(r.progress[2], 4800.0 / 8000);
-}
-
-TEST(VisualProgress, MovingAwayFromTheEndClampsAtZero) {
-    // Frame 1 shows a block the end does not have: farther from the end than
-    // the start, its progress is 0, not negative.
-    const Block stray{cv::Rect(0, 0, 200, 96), kRed};
-    const Block content{cv::Rect(0, 96, 40, 24), kBlack};
-    const VisualProgress r = Track({Page({}), Page({stray}), Page({content})}, {0, 1, 2});
-    EXPECT_EQ(r.progress, (std::vector<double>{0, 0, 1}));
-}
-
-TEST(VisualProgress, AChannelMovingAwayDoesNotCancelAnother) {
-    // End: red 40x40 (B and G change, 1600 px each). Frame 1: the same square
-    // yellow (B right, G wrong) and a magenta 120x40 stray (G wrong, 4800 px):
-    // B has arrived (1600 of 1600), G is farther than at the start (clamped
-    // to 0), R never changes. (1600 + 0) / 3200.
-    const cv::Rect square(0, 0, 40, 40);
-    const VisualProgress r =
-        Track({Page({}),
-               Page({{square, cv::Scalar(0, 255, 255)},
-                     {cv::Rect(40, 0, 120, 40), cv::Scalar(255, 0, 255)}}),
-               Page({{square, kRed}})},
-              {0, 1, 2});
-    EXPECT_EQ(r.progress, (std::vector<double>{0, 0.5, 1}));
-}
-
-TEST(VisualProgress, SameFirstAndLastFrameIsCompleteThroughout) {
-    const Block flash{cv::Rect(0, 0, 200, 120), kBlack};
-    const VisualProgress r =
-        Track({Page({}), Page({flash}), Page({}), Page({})}, {0, 100, 200, 300});
-    EXPECT_EQ(r.progress, (std::vector<double>{1, 1, 1, 1}));
-    EXPECT_EQ(r.firstVisualChange, 1);
-    EXPECT_EQ(r.lastVisualChange, 2);
-    EXPECT_EQ(r.visuallyComplete85, 0);
-    EXPECT_EQ(r.visuallyComplete99, 0);
-    EXPECT_DOUBLE_EQ(r.visuallyComplete99Ms, 0);
-    EXPECT_EQ(r.speedIndexMs, 0.0);
-}
-
-TEST(VisualProgress, StepSequenceGivesExactSpeedIndex) {
-    // Progress 0 until 1000 ms, 0.5 until 2000 ms, then 1.
-    const Block top{cv::Rect(0, 0, 200, 24), kBlack};
-    const Block bottom{cv::Rect(0, 24, 200, 24), kBlack};
-    const VisualProgress r =
-        Track({Page({}), Page({top}), Page({top, bottom})}, {0, 1000, 2000});
-    EXPECT_EQ(r.progress, (std::vector<double>{0, 0.5, 1}));
-    EXPECT_EQ(r.lastVisualChange, 2);
-    EXPECT_DOUBLE_EQ(r.speedIndexMs, 1500);
-}
-
-TEST(VisualProgress, SpeedIndexStopsAtTheLastVisualChange) {
-    // Frames after the last change add nothing, whatever their times.
-    const Block top{cv::Rect(0, 0, 200, 24), kBlack};
-    const VisualProgress r =
-        Track({Page({}), Page({}), Page({top}), Page({top})}, {40, 240, 1040, 90000});
-    EXPECT_EQ(r.lastVisualChange, 2);
-    EXPECT_DOUBLE_EQ(r.speedIndexMs, 1000);
-}
-
-TEST(VisualProgress, SingleFrame) {
-    const VisualProgress r = Track({Page({kHeader})}, {250});
-    EXPECT_EQ(r.progress, (std::vector<double>{1}));
-    EXPECT_EQ(r.changedFraction, (std::vector<double>{0}));
-    EXPECT_EQ(r.firstVisualChange, -1);
-    EXPECT_TRUE(std::isnan(r.firstVisualChangeMs));
-    EXPECT_EQ(r.lastVisualChange, -1);
-    EXPECT_TRUE(std::isnan(r.lastVisualChangeMs));
-    EXPECT_EQ(r.visuallyComplete85, 0);
-    EXPECT_EQ(r.visuallyComplete95, 0);
-    EXPECT_EQ(r.visuallyComplete99, 0);
-    EXPECT_DOUBLE_EQ(r.visuallyComplete95Ms, 250);
-    EXPECT_EQ(r.speedIndexMs, 0.0);
-}
-
-TEST(VisualProgress, EmptyTracker) {
-    const VisualProgressTracker tracker;
-    EXPECT_EQ(tracker.FrameCount(), 0);
-    const VisualProgress r = tracker.Finish();
-    EXPECT_TRUE(r.timesMs.empty());
-    EXPECT_TRUE(r.progress.empty());
-    EXPECT_TRUE(r.changedFraction.empty());
-    EXPECT_EQ(r.firstVisualChange, -1);
-    EXPECT_EQ(r.lastVisualChange, -1);
-    EXPECT_EQ(r.visuallyComplete85, -1);
-    EXPECT_EQ(r.visuallyComplete95, -1);
-    EXPECT_EQ(r.visuallyComplete99, -1);
-    for (double t : {r.firstVisualChangeMs, r.lastVisualChangeMs, r.visuallyComplete85Ms,
-                     r.visuallyComplete95Ms, r.visuallyComplete99Ms, r.speedIndexMs}) {
-        EXPECT_TRUE(std::isnan(t));
-    }
-}
-
-TEST(VisualProgress, RefusesUnsupportedFramesAndTimes) {
+TEST(VisualProgress, RefusedFramesLeaveNoTraceAndRepeatsRecordWhatTheSameFrameWould) {
     VisualProgressTracker tracker;
-    const cv::Mat page = Page({});
-    EXPECT_FALSE(tracker.AddFrame(cv::Mat(), 0));
-    EXPECT_FALSE(tracker.AddFrame(cv::Mat(120, 200, CV_16UC3, cv::Scalar::all(0)), 0));
-    EXPECT_FALSE(tracker.AddFrame(cv::Mat(120, 200, CV_32FC1, cv::Scalar::all(0)), 0));
-    EXPECT_FALSE(tracker.AddFrame(cv::Mat(120, 200, CV_8UC2, cv::Scalar::all(0)), 0));
-    EXPECT_FALSE(tracker.AddFrame(page, std::nan("")));
-    EXPECT_FALSE(tracker.AddFrame(page, INFINITY));
-    EXPECT_EQ(tracker.FrameCount(), 0);
-
-    EXPECT_TRUE(tracker.AddFrame(page, 100));
-    EXPECT_FALSE(tracker.AddFrame(Page({kHeader}), 99.5));
-    EXPECT_TRUE(tracker.AddFrame(page, 100));  // equal times are fine
-    EXPECT_EQ(tracker.FrameCount(), 2);
-    const VisualProgress r = tracker.Finish();
-    // The refused header frame left no trace.
-    EXPECT_EQ(r.lastVisualChange, -1);
-    EXPECT_EQ(r.timesMs, (std::vector<double>{100, 100}));
-}
-
-TEST(VisualProgress, GreyAndBgraFramesReadLikeBgr) {
-    // Grey pages: 0 on 255 in every channel, the same as black on white.
-    // BGRA pages carry a different random alpha plane each.
-    std::vector<cv::Mat> grey, bgra;
-    cv::RNG rng(3);
-    for (const cv::Mat& frame : LateBlockFrames()) {
-        cv::Mat g, alpha(frame.size(), CV_8U), a;
-        cv::cvtColor(frame, g, cv::COLOR_BGR2GRAY);
-        rng.fill(alpha, cv::RNG::UNIFORM, 0, 256);
-        std::vector<cv::Mat> planes;
-        cv::split(frame, planes);
-        planes.push_back(alpha);
-        cv::merge(planes, a);
-        grey.push_back(g);
-        bgra.push_back(a);
+    const cv::Mat white = page({});
+    EXPECT_FALSE(tracker.AddRepeatedFrame(0));  // nothing to repeat yet
+    for (const cv::Mat& bad : {cv::Mat(), cv::Mat(120, 200, CV_16UC3), cv::Mat(120, 200, CV_32FC1), cv::Mat(120, 200, CV_8UC2)}) {
+        EXPECT_FALSE(tracker.AddFrame(bad, 0)) << bad.type();
     }
-    ExpectLateBlockMeasures(Track(grey, kLateBlockTimes));
-    ExpectLateBlockMeasures(Track(bgra, kLateBlockTimes));
+    EXPECT_FALSE(tracker.AddFrame(white, std::nan("")));
+    EXPECT_FALSE(tracker.AddFrame(white, INFINITY));
+    EXPECT_TRUE(tracker.AddFrame(white, 100));
+    EXPECT_FALSE(tracker.AddFrame(page({kHeader}), 99.5));
+    EXPECT_FALSE(tracker.AddRepeatedFrame(99));
+    EXPECT_FALSE(tracker.AddChangedFrame(white, 40, white, {}));
+    EXPECT_TRUE(tracker.AddFrame(white, 100));  // equal times are fine
+    EXPECT_EQ(tracker.Finish().timesMs, (std::vector<double>{100, 100}));
+    EXPECT_EQ(tracker.Finish().lastVisualChange, -1);
 
-}
-
-TEST(VisualProgress, RegionViewsOfBiggerFramesAreRead) {
-    // Each frame sits inside a bigger noisy canvas; only the view counts.
-    std::vector<cv::Mat> views;
-    for (const cv::Mat& frame : LateBlockFrames()) {
-        cv::Mat canvas = vyra_test::texturedFrame(260, 170, 5);
-        frame.copyTo(canvas(cv::Rect(30, 20, 200, 120)));
-        views.push_back(canvas(cv::Rect(30, 20, 200, 120)));
-        ASSERT_FALSE(views.back().isContinuous());
+    // Repeats right after frame 0, inside the change and at the end.
+    const std::vector<cv::Mat> late = lateBlockFrames();
+    VisualProgressTracker shortcut, copy;
+    for (size_t k = 0; k < late.size(); ++k) {
+        const bool repeat = k > 0 && cv::norm(late[k], late[k - 1], cv::NORM_INF) == 0;
+        ASSERT_TRUE(repeat ? shortcut.AddRepeatedFrame(kLateTimes[k]) : shortcut.AddFrame(late[k], kLateTimes[k]));
+        if (k == 3) copy = shortcut;
     }
-    ExpectLateBlockMeasures(Track(views, kLateBlockTimes));
-}
-
-TEST(VisualProgress, FramesOfOtherSizesCompareByColourShares) {
-    // End: 40 % black. A 150x90 frame with 20 % black (150x18) is half way;
-    // its size change also counts as a visual change.
-    const Block end{cv::Rect(0, 0, 200, 48), kBlack};
-    const Block half{cv::Rect(0, 0, 150, 18), kBlack};
-    const VisualProgress r = Track({Page({}), Page({half}, cv::Size(150, 90)), Page({end})},
-                                 {0, 100, 200});
-    EXPECT_EQ(r.progress, (std::vector<double>{0, 0.5, 1}));
-    EXPECT_EQ(r.changedFraction, (std::vector<double>{0, 1, 1}));
-    EXPECT_EQ(r.firstVisualChange, 1);
-    EXPECT_EQ(r.lastVisualChange, 2);
-}
-
-TEST(VisualProgress, FirstAndLastFramesOfDifferentSizes) {
-    // Start 100x60 white, end 200x120 with a quarter black; a 200x120 frame
-    // with an eighth black is half way.
-    const VisualProgress r =
-        Track({Page({}, cv::Size(100, 60)), Page({{cv::Rect(0, 0, 200, 15), kBlack}}),
-             Page({{cv::Rect(0, 0, 200, 30), kBlack}})},
-            {0, 1, 2});
-    EXPECT_EQ(r.progress, (std::vector<double>{0, 0.5, 1}));
-    EXPECT_EQ(r.firstVisualChange, 1);
-}
-
-TEST(VisualProgress, LevelToleranceBoundary) {
-    VisualProgressOptions options;
-    options.levelTolerance = 16;
-    options.areaTolerance = 0;
-    const cv::Rect area(0, 0, 40, 40);
-    // 255 - 239 = 16 is tolerated, 17 is not.
-    VisualProgress r = Track({Page({}), Page({{area, cv::Scalar::all(239)}})}, {0, 1}, options);
-    EXPECT_EQ(r.firstVisualChange, -1);
-    EXPECT_EQ(r.lastVisualChange, -1);
-    r = Track({Page({}), Page({{area, cv::Scalar::all(238)}})}, {0, 1}, options);
-    EXPECT_EQ(r.firstVisualChange, 1);
-    EXPECT_EQ(r.lastVisualChange, 1);
-    EXPECT_DOUBLE_EQ(r.changedFraction[1], 1600.0 / 24000);
-}
-
-TEST(VisualProgress, BlockMeansUseTheTruePixelCountOfEdgeBlocks) {
-    // 20x12 frame in 8x8 blocks: the bottom-right block is 4x4. Four pixels
-    // darker by 80 move its mean by 20 (> 16); in a full block only by 5.
-    VisualProgressOptions options;
-    options.levelTolerance = 16;
-    options.areaTolerance = 0;
-    const cv::Size size(20, 12);
-    const cv::Scalar darker = cv::Scalar::all(175);
-    VisualProgress r =
-        Track({Page({}, size), Page({{cv::Rect(17, 9, 2, 2), darker}}, size)}, {0, 1}, options);
-    EXPECT_EQ(r.lastVisualChange, 1);
-    EXPECT_DOUBLE_EQ(r.changedFraction[1], 16.0 / 240);
-    r = Track({Page({}, size), Page({{cv::Rect(2, 2, 2, 2), darker}}, size)}, {0, 1}, options);
-    EXPECT_EQ(r.lastVisualChange, -1);
-}
-
-TEST(VisualProgress, AreaToleranceBoundary) {
-    VisualProgressOptions options;
-    options.areaTolerance = 64.0 / 24000;  // exactly one 8x8 block
-    const Block one{cv::Rect(8, 8, 8, 8), kBlack};
-    const Block two{cv::Rect(8, 8, 16, 8), kBlack};
-    EXPECT_EQ(Track({Page({}), Page({one})}, {0, 1}, options).lastVisualChange, -1);
-    EXPECT_EQ(Track({Page({}), Page({two})}, {0, 1}, options).lastVisualChange, 1);
-}
-
-TEST(VisualProgress, HistogramSlopBoundary) {
-    VisualProgressOptions options;
-    options.histogramSlop = 8;
-    const cv::Rect area(0, 0, 200, 60);
-    // A colour 8 levels off white is the same colour: the page never changed.
-    VisualProgress r =
-        Track({Page({}), Page({{area, cv::Scalar::all(247)}})}, {0, 1}, options);
-    EXPECT_EQ(r.progress, (std::vector<double>{1, 1}));
-    // 9 levels off is not.
-    r = Track({Page({}), Page({{area, cv::Scalar::all(246)}})}, {0, 1}, options);
-    EXPECT_EQ(r.progress, (std::vector<double>{0, 1}));
-    // Shades within the slop of each other pair up: a frame showing the
-    // block 5 levels lighter than the end has arrived.
-    r = Track({Page({}), Page({{area, cv::Scalar::all(105)}}), Page({{area, cv::Scalar::all(100)}})},
-            {0, 1, 2}, options);
-    EXPECT_EQ(r.progress, (std::vector<double>{0, 1, 1}));
-}
-
-TEST(VisualProgress, HistogramSlopPairsEachUnitOnce) {
-    VisualProgressOptions options;
-    options.histogramSlop = 5;
-    const cv::Rect left(0, 0, 100, 60), right(100, 0, 100, 60);  // 6000 px each
-    const auto grey = [](int v) { return cv::Scalar::all(v); };
-    const cv::Mat end = Page({{left, grey(105)}, {right, grey(114)}});
-    // 100 and 110 pair with 105 and 114 (100-105, 110-114): arrived, even
-    // though 110 is also within reach of 105.
-    VisualProgress r =
-        Track({Page({}), Page({{left, grey(100)}, {right, grey(110)}}), end}, {0, 1, 2}, options);
-    EXPECT_EQ(r.progress, (std::vector<double>{0, 1, 1}));
-    // One shade of 110 can stand for 105 or for 114, not for both: half way.
-    r = Track({Page({}), Page({{left, grey(110)}}), end}, {0, 1, 2}, options);
-    EXPECT_EQ(r.progress, (std::vector<double>{0, 0.5, 1}));
-}
-
-TEST(VisualProgress, OptionsAreClamped) {
-    VisualProgressOptions wild;
-    wild.blockSize = 0;
-    wild.levelTolerance = -5;
-    wild.areaTolerance = std::nan("");
-    wild.histogramSlop = 300;
-    VisualProgressTracker tracker(wild);
-    EXPECT_EQ(tracker.Options().blockSize, 1);
-    EXPECT_EQ(tracker.Options().levelTolerance, vyra::kVisualProgressLevelToleranceAuto);
-    EXPECT_EQ(tracker.Options().areaTolerance, vyra::kVisualProgressAreaTolerance);
-    EXPECT_EQ(tracker.Options().histogramSlop, 255);
-
-    wild.blockSize = 1000;
-    wild.levelTolerance = 1000;
-    wild.areaTolerance = 2;
-    wild.histogramSlop = -1;
-    const VisualProgressTracker other(wild);
-    EXPECT_EQ(other.Options().blockSize, 256);
-    EXPECT_EQ(other.Options().levelTolerance, 255);
-    EXPECT_EQ(other.Options().areaTolerance, 1.0);
-    EXPECT_EQ(other.Options().histogramSlop, 0);
-}
-
-TEST(VisualProgress, FinishIsASnapshotAndCopiesAreIndependent) {
-    const std::vector<cv::Mat> frames = LateBlockFrames();
-    VisualProgressTracker tracker;
-    for (int k = 0; k < 4; ++k) {
-        ASSERT_TRUE(tracker.AddFrame(frames[k], kLateBlockTimes[k]));
-    }
-    const VisualProgress partial = tracker.Finish();
-    EXPECT_EQ(partial.progress.size(), 4u);
-    EXPECT_EQ(partial.lastVisualChange, 3);
-
-    VisualProgressTracker copy(tracker);
-    ASSERT_TRUE(copy.AddFrame(Page({}), 5000));  // back to white, in the copy only
-    for (int k = 4; k < 8; ++k) {
-        ASSERT_TRUE(tracker.AddFrame(frames[k], kLateBlockTimes[k]));
-    }
-    ExpectLateBlockMeasures(tracker.Finish());
-    ExpectLateBlockMeasures(tracker.Finish());
-    EXPECT_EQ(copy.FrameCount(), 5);
+    expectLateBlock(shortcut.Finish(), "repeated frames");
+    ASSERT_TRUE(copy.AddFrame(page({}), 5000));  // back to white in the copy only
     EXPECT_EQ(copy.Finish().progress, (std::vector<double>{1, 1, 1, 1, 1}));
-
-    VisualProgressTracker moved(std::move(copy));
-    EXPECT_EQ(moved.FrameCount(), 5);
-    copy = tracker;
-    EXPECT_EQ(copy.FrameCount(), 8);
+    expectLateBlock(shortcut.Finish(), "after a copy went its own way");
+    // (Frames given with their changed rows: the pinned Measure results of regression/.)
 }
 
-TEST(VisuallyCompleteIndex, LastRiseThatStays) {
+TEST(VisualProgress, CompletionIndexIsTheLastRiseThatStaysAndSpeedIndexTheAreaAboveTheCurveUpToAnEnd) {
     using vyra::VisuallyCompleteIndex;
     EXPECT_EQ(VisuallyCompleteIndex({}, 0.5), -1);
     EXPECT_EQ(VisuallyCompleteIndex({0.2, 0.9, 0.4}, 0.5), -1);
     EXPECT_EQ(VisuallyCompleteIndex({0.9, 0.8, 0.9, 1}, 0.85), 2);
-    EXPECT_EQ(VisuallyCompleteIndex({0.9, 0.85, 0.9, 1}, 0.85), 0);  // equal counts
-    EXPECT_EQ(VisuallyCompleteIndex({0, 1, 1}, 1), 1);
-}
-
-TEST(SpeedIndexMs, StepIntegralAndBounds) {
-    using vyra::SpeedIndexMs;
-    const std::vector<double> times = {0, 1000, 2000, 2500};
-    const std::vector<double> progress = {0, 0.5, 1, 1};
-    EXPECT_DOUBLE_EQ(SpeedIndexMs(times, progress, 2), 1500);
-    EXPECT_DOUBLE_EQ(SpeedIndexMs(times, progress, 3), 1500);
-    EXPECT_DOUBLE_EQ(SpeedIndexMs(times, progress, 1), 1000);
-    EXPECT_EQ(SpeedIndexMs(times, progress, 0), 0.0);
-    EXPECT_EQ(SpeedIndexMs(times, progress, -1), 0.0);
-    EXPECT_TRUE(std::isnan(SpeedIndexMs(times, progress, 4)));
-    EXPECT_TRUE(std::isnan(SpeedIndexMs(times, {0, 1}, 1)));
-    EXPECT_TRUE(std::isnan(SpeedIndexMs({}, {}, 0)));
-}
-
-// ---- Recordings through real lossy encoders ----
-
-// A small launch with anti-aliased text and gradients (what makes encoders
-// ring): blank for 4 frames, list for 10, a late thumbnail, then still.
-cv::Mat LaunchFrame(int stage) {
-    cv::Mat frame = vyra_test::solidFrame(200, 360, kWhite);
-    if (stage >= 1) {
-        frame(cv::Rect(0, 0, 200, 32)).setTo(cv::Scalar(180, 90, 30));
-        cv::putText(frame, "Launcher", {10, 22}, cv::FONT_HERSHEY_SIMPLEX, 0.6, kWhite, 1,
-                    cv::LINE_AA);
-        for (int row = 0; row < 5; ++row) {
-            cv::putText(frame, "Item " + std::to_string(row) + " lorem ipsum", {10, 70 + row * 50},
-                        cv::FONT_HERSHEY_SIMPLEX, 0.45, cv::Scalar(40, 40, 40), 1, cv::LINE_AA);
-        }
+    EXPECT_EQ(VisuallyCompleteIndex({0.9, 0.85, 0.9, 1}, 0.85), 0);
+    const std::vector<double> times = {0, 1000, 2000, 2500}, progress = {0, 0.5, 1, 1};
+    const struct {
+        int end;
+        double speed;
+    } ends[] = {{3, 1500}, {2, 1500}, {1, 1000}, {0, 0}, {-1, 0}, {4, std::nan("")}};
+    for (const auto& e : ends) {
+        const double speed = vyra::SpeedIndexMs(times, progress, e.end);
+        EXPECT_TRUE(speed == e.speed || (std::isnan(speed) && std::isnan(e.speed))) << e.end << ": " << speed;
     }
-    if (stage >= 2) {
-        cv::Mat thumb = frame(cv::Rect(120, 290, 64, 64));
-        for (int y = 0; y < 64; ++y) {
-            for (int x = 0; x < 64; ++x) {
-                thumb.at<cv::Vec3b>(y, x) = cv::Vec3b(x * 4, y * 4, 128 + (x ^ y));
-            }
-        }
-    }
-    return frame;
+    EXPECT_TRUE(std::isnan(vyra::SpeedIndexMs(times, {0, 1}, 1)));
 }
 
-std::vector<cv::Mat> LaunchFrames() {
-    std::vector<cv::Mat> frames;
-    for (int k = 0; k < 40; ++k) {
-        frames.push_back(LaunchFrame(k < 4 ? 0 : k < 14 ? 1 : 2));
-    }
-    return frames;
-}
-
-std::vector<cv::Mat> Decode(const vyra_test::fs::path& file) {
-    std::vector<cv::Mat> frames;
-    cv::VideoCapture capture(file.string());
-    cv::Mat frame;
-    while (capture.read(frame) && !frame.empty()) {
-        frames.push_back(frame.clone());
-    }
-    return frames;
-}
-
-void ExpectLaunchMeasures(const std::vector<cv::Mat>& decoded) {
-    ASSERT_EQ(decoded.size(), 40u);
-    std::vector<double> times;
-    for (int k = 0; k < 40; ++k) {
-        times.push_back(k * 100.0);
-    }
-    const VisualProgress r = Track(decoded, times);
-    EXPECT_EQ(r.firstVisualChange, 4);
-    EXPECT_EQ(r.lastVisualChange, 14);
-    EXPECT_EQ(r.visuallyComplete99, 14);
-    for (int k = 14; k < 40; ++k) {
-        EXPECT_GE(r.progress[k], 0.99) << "frame " << k;
-    }
-}
-
-TEST(VisualProgressRecording, Mpeg4EncodingNoiseIsNoChange) {
-    vyra_test::TempDir dir;
-    const auto file = dir / "launch.mp4";
-    ASSERT_TRUE(vyra_test::writeVideo(file, LaunchFrames(), 10));  // mp4v, key frame every 12
-    ExpectLaunchMeasures(Decode(file));
-}
-
-TEST(VisualProgressRecording, H264EncodingNoiseIsNoChange) {
-    vyra_test::TempDir dir;
-    const std::vector<cv::Mat> frames = LaunchFrames();
-    vyra_test::writePngFolder(dir / "png", [] {
-        std::vector<std::string> names;
-        for (int k = 0; k < 40; ++k) {
-            names.push_back(cv::format("%03d.png", k));
-        }
-        return names;
-    }(), frames);
-    const auto file = dir / "launch.mp4";
-    // CRF 30 with a key frame every 8 frames: several key frames re-encode
-    // the still page.
-    const std::string command = "ffmpeg -loglevel error -y -framerate 10 -i '" +
-                                (dir / "png" / "%03d.png").string() +
-                                "' -c:v libx264 -crf 30 -g 8 -pix_fmt yuv420p '" + file.string() +
-                                "' > /dev/null 2>&1";
-    if (std::system(command.c_str()) != 0) {
-        GTEST_SKIP() << "ffmpeg with libx264 is not available";
-    }
-    ExpectLaunchMeasures(Decode(file));
-}
-
-// The sample launch of tools/sample, with the status bar (whose clock ticks
-// every second) cut off as a caller would: the first change is the splash,
-// the last one the loaded page, which is also where the progress reaches
-// 0.99 (its picture alone covers about a third of the screen).
-void ExpectSampleMeasures(const std::vector<cv::Mat>& frames, const vyra::sample::SampleTruth& truth,
-                          int statusBarHeight) {
-    ASSERT_EQ(frames.size(), static_cast<size_t>(truth.frameCount));
+TEST(VisualProgress, EstimatedBlockNoiseNeverCountsWhileASmallIconDoes) {
+    // Each 8x8 block of a grey page moved by a fresh offset in -5..5 every frame (as a coder moves block
+    // means); a 16x16 icon from frame 20. Two offsets differ by up to 10: over 1200 blocks and 19 pairs
+    // nearly every difference occurs, and the estimate must cover it.
+    std::mt19937 random(7);
+    std::uniform_int_distribution<int> offset(-5, 5);
     VisualProgressTracker tracker;
-    for (size_t k = 0; k < frames.size(); ++k) {
-        const cv::Mat& frame = frames[k];
-        ASSERT_TRUE(tracker.AddFrame(
-            frame(cv::Rect(0, statusBarHeight, frame.cols, frame.rows - statusBarHeight)),
-            truth.timesMs[k]));
+    for (int k = 0; k < 30; ++k) {
+        cv::Mat frame = vyra_test::solidFrame(320, 240, cv::Scalar::all(128));
+        for (int y = 0; y < 240; y += 8) {
+            for (int x = 0; x < 320; x += 8) frame(cv::Rect(x, y, 8, 8)) += cv::Scalar::all(offset(random));
+        }
+        if (k >= 20) frame(cv::Rect(40, 48, 16, 16)).setTo(cv::Scalar(20, 200, 20));
+        ASSERT_TRUE(tracker.AddFrame(frame, 100.0 * k));
     }
     const VisualProgress r = tracker.Finish();
-    EXPECT_EQ(r.firstVisualChange, truth.splashStart);
-    EXPECT_EQ(r.lastVisualChange, truth.loadedIndex);
-    EXPECT_EQ(r.visuallyComplete99, truth.loadedIndex);
-    EXPECT_DOUBLE_EQ(r.visuallyComplete99Ms, truth.timesMs[truth.loadedIndex]);
-}
-
-vyra::sample::SampleOptions SmallSample() {
-    vyra::sample::SampleOptions options;
-    options.width = 180;
-    options.height = 320;
-    options.fps = 10;
-    options.seconds = 5;
-    return options;
-}
-constexpr int kSmallSampleStatusBar = 12;  // 24 units at half a unit per pixel
-
-TEST(VisualProgressRecording, SampleLaunchFrames) {
-    const vyra::sample::SampleOptions options = SmallSample();
-    const vyra::sample::SampleTruth truth = vyra::sample::PlanSample(options);
-    ExpectSampleMeasures(vyra::sample::RenderAllFrames(options, truth), truth,
-                         kSmallSampleStatusBar);
-}
-
-TEST(VisualProgressRecording, SampleLaunchVideo) {
-    vyra_test::TempDir dir;
-    const auto file = dir / "sample.mp4";
-    const vyra::sample::SampleTruth truth =
-        vyra::sample::WriteSampleVideo(file.string(), SmallSample());
-    ExpectSampleMeasures(vyra_test::readVideoFrames(file), truth, kSmallSampleStatusBar);
+    EXPECT_TRUE(r.levelToleranceEstimated);
+    EXPECT_GE(r.levelTolerance, 9);
+    EXPECT_LE(r.levelTolerance, 10);
+    EXPECT_EQ((std::vector<int>{r.firstVisualChange, r.lastVisualChange, r.visuallyComplete}), (std::vector<int>{20, 20, 20}));
 }
 
 }  // namespace
