@@ -242,3 +242,19 @@ TEST(BadInput, EveryRowHasItsDefinedOutcomeInTheLibraryAndTheTool) {
         }
     }
 }
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+// Under a 1 GiB address-space limit frames too large for it are an error
+// with its own exit status and message, not a crash.
+TEST(BadInput, FramesBeyondTheMemoryLimitAreAnOutOfMemoryError) {
+    TempDir dir;
+    std::vector<cv::Mat> frames(2, solidFrame(8000, 8000));
+    frames[1] = solidFrame(8000, 8000, cv::Scalar(0, 0, 0));
+    writePngFolder(dir / "f", {"1000.png", "1100.png"}, frames);
+    const ProcessResult run = runProcess(
+        {"sh", "-c", "ulimit -v 1048576 && exec \"$0\" analyse \"$1\" --quiet", cliPath(), (dir / "f").string()});
+    EXPECT_EQ(run.exitCode, 1) << run.err;
+    EXPECT_EQ(run.out, "");
+    EXPECT_NE(run.err.find("vyra: error: "), std::string::npos);
+    EXPECT_NE(run.err.find("out of memory"), std::string::npos) << run.err;
+}
+#endif
