@@ -8,10 +8,18 @@
 #include <unistd.h>
 
 #include <cmath>
+#include <cstdarg>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
+#include <map>
+#include <mutex>
 #include <string>
+
+extern "C" {
+#include <libavutil/log.h>
+}
 
 #include "VyraMeasure.h"
 
@@ -28,10 +36,45 @@ inline void Check(bool ok, const std::string& what) {
     if (!ok) Fail(what);
 }
 
+// FFmpeg messages that reached the process-wide log callback at a level its
+// default callback prints, counted by text (numbers and addresses included);
+// the library promises that only a few rare kinds do (see
+// src/recording/FfmpegVideo.h). Printed once when the process ends, instead
+// of each message.
+struct FfmpegLog {
+    std::mutex mutex;
+    std::map<std::string, unsigned long> counts;
+};
+
+inline FfmpegLog& TheFfmpegLog() {
+    static FfmpegLog* log = new FfmpegLog;  // outlives the atexit report
+    return *log;
+}
+
+inline void CountFfmpegMessage(void* context, int level, const char* format, va_list args) {
+    if ((level & 0xff) > av_log_get_level()) return;
+    char text[256];
+    std::vsnprintf(text, sizeof text, format, args);
+    const AVClass* const* cls = static_cast<const AVClass* const*>(context);
+    const std::string from = cls != nullptr && *cls != nullptr ? (*cls)->class_name : "(no context)";
+    FfmpegLog& log = TheFfmpegLog();
+    const std::lock_guard<std::mutex> lock(log.mutex);
+    if (log.counts.size() < 64) ++log.counts[from + ": " + text];
+}
+
+inline void ReportFfmpegMessages() {
+    FfmpegLog& log = TheFfmpegLog();
+    const std::lock_guard<std::mutex> lock(log.mutex);
+    if (log.counts.empty()) return;
+    std::fprintf(stderr, "FFmpeg messages that reached the process-wide log (count, context: text):\n");
+    for (const auto& [text, count] : log.counts) std::fprintf(stderr, "  %lu  %s", count, text.c_str());
+}
+
 // Once per process: standard output goes to /dev/null (analyse() and the
-// historic helpers print there), the OpenCV codec module is looked up in the
+// historic helpers print there), FFmpeg's messages are counted (above), the
+// OpenCV codec module is looked up in the
 // build tree unless VYRA_PLUGIN_DIR says otherwise, and a fresh scratch
-// folder is made; returns its path.
+// folder is made (removed at exit); returns its path.
 inline std::string Setup() {
     const int null = open("/dev/null", O_WRONLY);
     if (null >= 0) {
@@ -39,9 +82,16 @@ inline std::string Setup() {
         close(null);
     }
     setenv("VYRA_PLUGIN_DIR", VYRA_FUZZ_PLUGIN_DIR, 0);
+    av_log_set_callback(CountFfmpegMessage);
+    std::atexit(ReportFfmpegMessages);
     const char* base = std::getenv("TMPDIR");
     std::string pattern = std::string(base != nullptr && *base != '\0' ? base : "/tmp") + "/vyra-fuzz-XXXXXX";
     if (mkdtemp(pattern.data()) == nullptr) Fail("cannot make a scratch folder");
+    static std::string scratch = pattern;
+    std::atexit([] {
+        std::error_code ignored;
+        std::filesystem::remove_all(scratch, ignored);
+    });
     return pattern;
 }
 

@@ -7,12 +7,15 @@
 // Exceptions of OpenCV may pass through the analysis for frames the library
 // never makes itself (other depths, grey, BGRA, mixed types); for 8-bit BGR
 // frames, which every recording decodes to, any exception is a finding.
+// With VYRA_FUZZ_SHOW set, the frames of each input are listed on stderr.
 #include <fuzzer/FuzzedDataProvider.h>
 
 #include <algorithm>
 #include <cmath>
 #include <cstddef>
 #include <cstdint>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <vector>
 
@@ -170,6 +173,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         const FrameShape shape = alike ? common : consumeShape(in);
         bgr8 = bgr8 && shape.type == CV_8UC3;
         frames.push_back(consumeFrame(in, shape));
+        if (std::getenv("VYRA_FUZZ_SHOW")) std::fprintf(stderr, "frame %zu: %dx%d type %d\n", k, frames.back().cols, frames.back().rows, frames.back().type());
     }
     try {
         run(in, frames);

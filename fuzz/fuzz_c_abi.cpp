@@ -76,7 +76,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     alignas(VyraSettings) unsigned char settingsBytes[sizeof(VyraSettings) + kSlack];
     const std::vector<uint8_t> raw = in.ConsumeBytes<uint8_t>(sizeof settingsBytes);
     std::memset(settingsBytes, 0, sizeof settingsBytes);
-    std::memcpy(settingsBytes, raw.data(), raw.size());
+    if (!raw.empty()) std::memcpy(settingsBytes, raw.data(), raw.size());
     VyraSettings* s = reinterpret_cast<VyraSettings*>(settingsBytes);
     if (in.ConsumeBool()) {
         // Often start from the defaults, so that deep paths are reached.

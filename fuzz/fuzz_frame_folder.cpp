@@ -16,6 +16,7 @@
 #include <string>
 #include <vector>
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -42,9 +43,7 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
     g_scratch = vyra_fuzz::Setup();
     g_folder = g_scratch + "/frames";
     mkdir(g_folder.c_str(), 0700);
-    // analyse() writes record.log (and, for videos, frames/) into the
-    // current folder; its OpenCV decoder gets the same pixel limit as Measure.
-    if (chdir(g_scratch.c_str()) != 0) vyra_fuzz::Fail("cannot enter the scratch folder");
+    // analyse()'s OpenCV decoder gets the same pixel limit as Measure.
     setenv("OPENCV_IO_MAX_IMAGE_PIXELS", "16384", 1);
     return 0;
 }
@@ -90,7 +89,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         vyra_fuzz::CheckError(e);
     }
 
+    // analyse() appends to record.log in the current folder: it runs in the
+    // scratch folder (libFuzzer's own paths may be relative to the first).
+    const int here = open(".", O_RDONLY | O_DIRECTORY);
+    if (here < 0 || chdir(g_scratch.c_str()) != 0) vyra_fuzz::Fail("cannot enter the scratch folder");
     analyse(g_folder.c_str(), (flags & 1) ? 0 : 1, 10, options.start, options.end);
     unlink("record.log");
+    if (fchdir(here) != 0) vyra_fuzz::Fail("cannot return from the scratch folder");
+    close(here);
     return 0;
 }

@@ -10,6 +10,9 @@ VYRA_JOBS=${VYRA_JOBS:-$(nproc)}
 VYRA_PACKAGES=(build-essential cmake pkg-config python3 libopencv-dev libavformat-dev libavcodec-dev
                libavutil-dev libswscale-dev nlohmann-json3-dev libcli11-dev libgtest-dev libgmock-dev
                libbenchmark-dev zlib1g-dev ffmpeg chromium)
+# What scripts/fuzz needs besides: clang with its sanitizer and libFuzzer
+# runtimes.
+VYRA_FUZZ_PACKAGES=(clang-14 libclang-rt-14-dev libfuzzer-14-dev)
 
 vyra_install_missing() {
   local missing=() pkg
@@ -29,10 +32,12 @@ vyra_install_missing() {
   apt-get install -y -qq --no-install-recommends "${missing[@]}"
 }
 
-# vyra_build DIR [cmake options...]: configure (once) and build into DIR.
+# vyra_build DIR [cmake options...]: configure (once) and build into DIR
+# (relative to the repository unless absolute).
 vyra_build() {
   local dir=$1
   shift
-  cmake -S "$VYRA_ROOT" -B "$VYRA_ROOT/$dir" "$@" >/dev/null
-  cmake --build "$VYRA_ROOT/$dir" -j "$VYRA_JOBS"
+  [[ $dir = /* ]] || dir=$VYRA_ROOT/$dir
+  cmake -S "$VYRA_ROOT" -B "$dir" "$@" >/dev/null
+  cmake --build "$dir" -j "$VYRA_JOBS"
 }
