@@ -347,4 +347,20 @@ TEST(AnalyzerDynamicPage, ContentAfterBlankFramesFinishesAtTheFirstContentFrame)
     EXPECT_FALSE(entries[0].isMoving);
 }
 
+// A crop one pixel high or wide (found by fuzzing): ORB finds nothing on such
+// strips, and the walk compares every pair without an exception.
+TEST(AnalyzerDynamicPage, OnePixelStripsHaveNoFeatures) {
+    for (const cv::Size& size : {cv::Size(200, 1), cv::Size(1, 200)}) {
+        std::vector<cv::Mat> frames;
+        for (unsigned seed = 1; seed <= 3; ++seed) frames.push_back(vyra_test::makeClutteredFrame(size.width, size.height, seed));
+        AnalysisResult r;
+        ASSERT_NO_THROW(r = Analyzer(20.0, 0.5, 0.85, 0.0, 0).Analyze(frames, DYNAMIC_PAGE, false));
+        EXPECT_EQ(r.imageCount, 3u);
+        for (const FeatureMatchingResult& entry : r.dynamicResult.featureMatchingResults) {
+            EXPECT_EQ(entry.firstKeypointCount, 0u);
+            EXPECT_EQ(entry.secondKeypointCount, 0u);
+        }
+    }
+}
+
 }  // namespace

@@ -7,6 +7,7 @@
 #include <limits>
 #include <random>
 #include <set>
+#include <string>
 #include <vector>
 
 #include <opencv2/features2d.hpp>
@@ -530,6 +531,31 @@ TEST(ImageSetsFeatureMatching, EmptyOrDifferentSizedFramesGiveNothing) {
         expectAllEmpty(ImageSets::FeatureMatching(cv::Mat(), cv::Mat(), crossCheck));
         expectAllEmpty(ImageSets::FeatureMatching(textured, portrait, crossCheck));
         expectAllEmpty(ImageSets::FeatureMatching(textured, shorter, crossCheck));
+    }
+}
+
+// ORB keeps no keypoint within 31 pixels of a border, and OpenCV fails to
+// build the pyramid of a frame one pixel wide or high (found by fuzzing: two
+// 1x28 frames threw from cv::resize). Frames whose smaller side is at most 62
+// have no features, without an exception.
+TEST(ImageSetsFeatureMatching, FramesTooSmallForOrbHaveNoFeatures) {
+    const cv::Size sizes[] = {{1, 28}, {28, 1}, {1, 1}, {1, 400}, {400, 1}, {2, 300}, {62, 300}, {300, 62}};
+    for (const cv::Size& size : sizes) {
+        SCOPED_TRACE(std::to_string(size.width) + "x" + std::to_string(size.height));
+        const cv::Mat a = vyra_test::texturedFrame(size.width, size.height, 7);
+        const cv::Mat b = vyra_test::texturedFrame(size.width, size.height, 8);
+        for (bool crossCheck : {false, true}) {
+            FeaturesMatchingInfo info;
+            ASSERT_NO_THROW(info = ImageSets::FeatureMatching(a, b, crossCheck));
+            expectAllEmpty(info);
+        }
+        if (size.width > 1 && size.height > 1) {  // where ORB runs, it finds nothing either
+            std::vector<cv::KeyPoint> keypoints;
+            cv::Mat descriptors;
+            cv::ORB::create(500, 1.2f, 8, 31, 0, 2, cv::ORB::HARRIS_SCORE, 31, 20)
+                ->detectAndCompute(a, cv::noArray(), keypoints, descriptors);
+            EXPECT_TRUE(keypoints.empty());
+        }
     }
 }
 
