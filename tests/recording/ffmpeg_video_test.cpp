@@ -326,6 +326,59 @@ TEST(VideoReader, RefusesFramesAboveThePixelLimit) {
     EXPECT_NE(message.find("limit of 76799 pixels"), std::string::npos) << message;
 }
 
+// Decoders pad their buffers (rows to 64 pixels; MPEG-4 part 2 a 280-row
+// band). Found by fuzzing: a 36x64 MPEG-4 video under a limit of 16384 pixels
+// decoded no frame and FFmpeg printed why. Videos whose frames have exactly
+// the limit are read whole and quietly; one pixel less refuses them.
+TEST(VideoReader, FramesOfExactlyTheLimitAreRead) {
+    struct Case {
+        const char* name;
+        int width, height;
+        const char* codec;
+    };
+    const Case cases[] = {{"mpeg4_36x64.mp4", 36, 64, "-c:v mpeg4"},
+                          {"mpeg4_100x160.mp4", 100, 160, "-c:v mpeg4"},
+                          {"h264_100x160.mkv", 100, 160, "-c:v libx264 -pix_fmt yuv420p"},
+                          {"mjpeg_36x64.avi", 36, 64, "-c:v mjpeg"},
+                          {"ffv1_8x200.mkv", 8, 200, "-c:v ffv1"},
+                          {"vp8_130x20.webm", 130, 20, "-c:v libvpx"}};
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        const std::string path = Media::Get().Ffmpeg(c.name, TestSource(c.width, c.height, 4) + " " + c.codec);
+        if (path.empty()) continue;  // an encoder this ffmpeg lacks
+        MediaLimits limits;
+        limits.maxPixels = int64_t(c.width) * c.height;
+        StderrCapture capture;
+        Decoded decoded;
+        ASSERT_NO_THROW(decoded = ReadWithReader(path, limits));
+        ASSERT_EQ(decoded.frames.size(), 4u);
+        EXPECT_EQ(decoded.frames[0].size(), cv::Size(c.width, c.height));
+        limits.maxPixels -= 1;
+        ErrorOf([&] { ReadWithReader(path, limits); }, VYRA_ERROR_UNREADABLE);
+        EXPECT_EQ(capture.Text(), "");
+    }
+}
+
+// A stream that declares its first frames' size and later holds larger ones
+// (two MJPEG streams joined): the larger frames are refused as they decode.
+TEST(VideoReader, LaterFramesAboveTheLimitAreRefused) {
+    Media& m = Media::Get();
+    const std::string small = m.Ffmpeg("part_32x24.mkv", TestSource(32, 24, 3) + " -c:v mjpeg");
+    const std::string large = m.Ffmpeg("part_48x32.mkv", TestSource(48, 32, 3) + " -c:v mjpeg");
+    ASSERT_FALSE(small.empty());
+    ASSERT_FALSE(large.empty());
+    const std::string list = m.Path("parts.txt");
+    std::ofstream(list) << "file '" << small << "'\nfile '" << large << "'\n";
+    const std::string joined = m.Ffmpeg("joined.mkv", "-f concat -safe 0 -i '" + list + "' -c copy");
+    ASSERT_FALSE(joined.empty());
+    MediaLimits limits;
+    limits.maxPixels = 32 * 24;
+    std::string message = ErrorOf([&] { ReadWithReader(joined, limits); }, VYRA_ERROR_UNREADABLE);
+    EXPECT_NE(message.find("48x32"), std::string::npos) << message;
+    limits.maxPixels = 48 * 32;
+    EXPECT_EQ(ReadWithReader(joined, limits).frames.size(), 6u);
+}
+
 // FFV1 passes an allocation failure on as ENOMEM (H.264 and MJPEG turn it
 // into a decoding error, reported as such).
 TEST(VideoReader, ReportsOutOfMemory) {
