@@ -189,4 +189,40 @@ TEST(ObjectPrefetchFromSource, KnownObjectsAndResidentPixelsWinOverTheSource) {
     EXPECT_EQ(first.calls(), 0);
 }
 
+// A frame of width w released: empty, but its row step still w * 3 bytes.
+cv::Mat released(int width) {
+    cv::Mat frame(8, width, CV_8UC3, cv::Scalar(1, 2, 3));
+    frame.release();
+    return frame;
+}
+
+// Empty frames: undecodable (analyse() keeps them in their place) or
+// released. Found by fuzzing: two released frames of different widths in a
+// row were compared with memcmp on null pointers (undefined behaviour,
+// reported by the sanitizer build). Every image gets what its own accessor
+// gives.
+TEST(ObjectPrefetch, EmptyFramesInARunGetTheirOwnResult) {
+    const cv::Mat page = vyra_test::loadedPageFrame(160, 120);
+    const std::vector<std::vector<cv::Mat>> cases = {
+        {released(64), released(36)},
+        {cv::Mat(), cv::Mat(), page.clone(), released(5), cv::Mat()},
+        {page.clone(), cv::Mat(0, 160, CV_8UC3), cv::Mat(0, 80, CV_8UC3), cv::Mat(120, 0, CV_8UC3)},
+    };
+    for (const std::vector<cv::Mat>& frames : cases) {
+        for (const bool useWorker : {false, true}) {
+            std::vector<cv::Mat> mats = frames;
+            ImageSets sets(mats);
+            {
+                ObjectPrefetch prefetch(sets, useWorker);
+                for (int k = 0; k < sets.size(); ++k) prefetch.Provide(k, true);
+            }
+            for (int k = 0; k < sets.size(); ++k) {
+                const cv::Mat& frame = frames[static_cast<size_t>(k)];
+                EXPECT_EQ(sets[k].GetImageObjects(), frame.empty() ? std::vector<Rect>() : vyra_test::plainPipelineObjects(frame));
+                EXPECT_DOUBLE_EQ(sets[k].GetContentRatio(), frame.empty() ? 0.0 : plainRatio(frame));
+            }
+        }
+    }
+}
+
 }  // namespace
