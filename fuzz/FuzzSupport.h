@@ -14,6 +14,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <map>
+#include <utility>
 #include <mutex>
 #include <string>
 
@@ -37,13 +38,13 @@ inline void Check(bool ok, const std::string& what) {
 }
 
 // FFmpeg messages that reached the process-wide log callback at a level its
-// default callback prints, counted by text (numbers and addresses included);
-// the library promises that only a few rare kinds do (see
+// default callback prints, counted by context and format, with the first
+// text of each; the library promises that only a few rare kinds do (see
 // src/recording/FfmpegVideo.h). Printed once when the process ends, instead
 // of each message.
 struct FfmpegLog {
     std::mutex mutex;
-    std::map<std::string, unsigned long> counts;
+    std::map<std::string, std::pair<unsigned long, std::string>> counts;
 };
 
 inline FfmpegLog& TheFfmpegLog() {
@@ -59,15 +60,18 @@ inline void CountFfmpegMessage(void* context, int level, const char* format, va_
     const std::string from = cls != nullptr && *cls != nullptr ? (*cls)->class_name : "(no context)";
     FfmpegLog& log = TheFfmpegLog();
     const std::lock_guard<std::mutex> lock(log.mutex);
-    if (log.counts.size() < 64) ++log.counts[from + ": " + text];
+    auto& entry = log.counts[from + ": " + format];
+    if (entry.first++ == 0) entry.second = text;
 }
 
 inline void ReportFfmpegMessages() {
     FfmpegLog& log = TheFfmpegLog();
     const std::lock_guard<std::mutex> lock(log.mutex);
     if (log.counts.empty()) return;
-    std::fprintf(stderr, "FFmpeg messages that reached the process-wide log (count, context: text):\n");
-    for (const auto& [text, count] : log.counts) std::fprintf(stderr, "  %lu  %s", count, text.c_str());
+    std::fprintf(stderr, "FFmpeg messages that reached the process-wide log (count, context: first text):\n");
+    for (const auto& [key, entry] : log.counts) {
+        std::fprintf(stderr, "  %lu  %s: %s", entry.first, key.substr(0, key.find(':')).c_str(), entry.second.c_str());
+    }
 }
 
 // Once per process: standard output goes to /dev/null (analyse() and the
