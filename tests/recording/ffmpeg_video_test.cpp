@@ -367,9 +367,9 @@ TEST(VideoReader, LaterFramesAboveTheLimitAreRefused) {
     const std::string large = m.Ffmpeg("part_48x32.mkv", TestSource(48, 32, 3) + " -c:v mjpeg");
     ASSERT_FALSE(small.empty());
     ASSERT_FALSE(large.empty());
-    const std::string list = m.Path("parts.txt");
+    const std::string list = m.Path("parts_32x24_48x32.txt");
     std::ofstream(list) << "file '" << small << "'\nfile '" << large << "'\n";
-    const std::string joined = m.Ffmpeg("joined.mkv", "-f concat -safe 0 -i '" + list + "' -c copy");
+    const std::string joined = m.Ffmpeg("joined_32x24_48x32.mkv", "-f concat -safe 0 -i '" + list + "' -c copy");
     ASSERT_FALSE(joined.empty());
     MediaLimits limits;
     limits.maxPixels = 32 * 24;
