@@ -12,6 +12,9 @@ VYRA_PACKAGES=(build-essential cmake pkg-config libopencv-dev libavformat-dev li
                libavutil-dev libswscale-dev nlohmann-json3-dev libcli11-dev)
 VYRA_TEST_PACKAGES=(python3 libgtest-dev libgmock-dev zlib1g-dev ffmpeg chromium
                     python3-setuptools python3-wheel python3-pip python3-venv python3-distributed)
+# What scripts/fuzz needs besides: clang with its sanitizer and libFuzzer
+# runtimes.
+VYRA_FUZZ_PACKAGES=(clang-14 libclang-rt-14-dev libfuzzer-14-dev)
 
 vyra_install_missing() {
   local missing=() pkg
@@ -31,10 +34,12 @@ vyra_install_missing() {
   apt-get install -y -qq --no-install-recommends "${missing[@]}"
 }
 
-# vyra_build DIR [cmake options...]: configure (once) and build into DIR.
+# vyra_build DIR [cmake options...]: configure (once) and build into DIR
+# (relative to the repository unless absolute).
 vyra_build() {
   local dir=$1
   shift
-  cmake -S "$VYRA_ROOT" -B "$VYRA_ROOT/$dir" "$@" >/dev/null
-  cmake --build "$VYRA_ROOT/$dir" -j "$VYRA_JOBS"
+  [[ $dir = /* ]] || dir=$VYRA_ROOT/$dir
+  cmake -S "$VYRA_ROOT" -B "$dir" "$@" >/dev/null
+  cmake --build "$dir" -j "$VYRA_JOBS"
 }

@@ -5,9 +5,22 @@
 namespace vyra {
 namespace detail {
 
+namespace {
+
+// ORB's edgeThreshold: no keypoint is kept within this many pixels of the
+// border of a pyramid level.
+constexpr int kOrbEdgeThreshold = 31;
+
+}  // namespace
+
 ImageFeatures DetectFeatures(const cv::Mat& frame) {
     ImageFeatures features;
-    const cv::Ptr<cv::ORB> orb = cv::ORB::create(500, 1.2f, 8, 31, 0, 2, cv::ORB::HARRIS_SCORE, 31, 20);
+    // A frame whose smaller side is at most twice the edge threshold has no
+    // keypoint at any level (OpenCV drops them all), and on a frame one pixel
+    // wide or high OpenCV fails to build the pyramid (a level rounds to zero
+    // pixels): such frames have no features, without asking ORB.
+    if (std::min(frame.rows, frame.cols) <= 2 * kOrbEdgeThreshold) return features;
+    const cv::Ptr<cv::ORB> orb = cv::ORB::create(500, 1.2f, 8, kOrbEdgeThreshold, 0, 2, cv::ORB::HARRIS_SCORE, 31, 20);
     orb->detectAndCompute(frame, cv::noArray(), features.keypoints, features.descriptors, false);
     return features;
 }

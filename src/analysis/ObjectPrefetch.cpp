@@ -22,7 +22,7 @@ bool samePixels(const cv::Mat& a, const cv::Mat& b) {
     if (a.rows != b.rows || a.cols != b.cols || a.type() != b.type() || a.dims > 2 || b.dims > 2) {
         return false;
     }
-    if (a.data == b.data && a.step == b.step) return true;
+    if (a.empty() || (a.data == b.data && a.step == b.step)) return true;  // empty: no bytes to compare
     const size_t rowBytes = static_cast<size_t>(a.cols) * a.elemSize();
     if (a.isContinuous() && b.isContinuous()) {
         return std::memcmp(a.data, b.data, rowBytes * static_cast<size_t>(a.rows)) == 0;

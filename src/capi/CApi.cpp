@@ -44,6 +44,31 @@ VyraResult emptyResult() {
     return r;
 }
 
+// Where each field of VyraSettings ends, in declaration order.
+#define VYRA_END(field) offsetof(VyraSettings, field) + sizeof(VyraSettings::field)
+constexpr size_t kSettingsFieldEnds[] = {
+    VYRA_END(struct_size),     VYRA_END(timing),         VYRA_END(fps),
+    VYRA_END(start),           VYRA_END(end),            VYRA_END(page_type),
+    VYRA_END(stable_baseline), VYRA_END(has_crop),       VYRA_END(crop),
+    VYRA_END(ignore),          VYRA_END(ignore_count),   VYRA_END(launch_time_mode),
+    VYRA_END(save_frames_dir), VYRA_END(progress),       VYRA_END(progress_user),
+    VYRA_END(noise_tolerance), VYRA_END(progress_out),   VYRA_END(frame_times_out),
+    VYRA_END(series_capacity), VYRA_END(report_path),    VYRA_END(filmstrip_path),
+    VYRA_END(report_interval_ms)};
+#undef VYRA_END
+static_assert(kSettingsFieldEnds[sizeof kSettingsFieldEnds / sizeof(size_t) - 1] == sizeof(VyraSettings),
+              "every field of VyraSettings is listed, the last one last");
+
+// The bytes of the fields that lie wholly within @p structSize: a size that
+// ends inside a field (a pointer cut in half) leaves that field out.
+size_t wholeFieldBytes(size_t structSize) {
+    size_t bytes = 0;
+    for (const size_t end : kSettingsFieldEnds) {
+        if (end <= structSize) bytes = end;
+    }
+    return bytes;
+}
+
 // The caller's settings over the defaults: only the fields within its struct_size.
 VyraSettings readSettings(const VyraSettings* given) {
     VyraSettings settings;
@@ -53,7 +78,7 @@ VyraSettings readSettings(const VyraSettings* given) {
             throw vyra::MeasureError(VYRA_ERROR_INVALID_ARGUMENT,
                                      "settings->struct_size is too small; call vyra_default_settings()");
         }
-        std::memcpy(&settings, given, std::min(given->struct_size, sizeof settings));
+        std::memcpy(&settings, given, wholeFieldBytes(given->struct_size));
         settings.struct_size = sizeof settings;
     }
     return settings;

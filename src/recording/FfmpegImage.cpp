@@ -220,7 +220,7 @@ CodecContextPtr OpenPngDecoder(const MediaLimits& limits, const std::string& nam
     CodecContextPtr codec(avcodec_alloc_context3(decoder));
     if (!codec) throw RecordingError(VYRA_ERROR_NO_MEMORY, "out of memory allocating a PNG decoder");
     codec->log_level_offset = kQuietLogLevelOffset;
-    codec->max_pixels = limits.maxPixels;
+    codec->max_pixels = limits.DecoderMaxPixels();  // the header was checked against maxPixels
     codec->thread_count = 1;
     codec->err_recognition = AV_EF_EXPLODE;          // stop at the first error
     codec->strict_std_compliance = FF_COMPLIANCE_STRICT;

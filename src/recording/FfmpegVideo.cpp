@@ -165,7 +165,7 @@ public:
     StreamProbeOptions(unsigned streamCount, const MediaLimits& limits) : dicts_(streamCount, nullptr) {
         for (AVDictionary*& dict : dicts_) {
             Set(&dict, "log_level_offset", std::to_string(kQuietLogLevelOffset));
-            Set(&dict, "max_pixels", std::to_string(limits.maxPixels));
+            Set(&dict, "max_pixels", std::to_string(limits.DecoderMaxPixels()));
         }
     }
     ~StreamProbeOptions() {
@@ -235,7 +235,7 @@ CodecContextPtr OpenDecoder(const std::string& path, const AVStream& stream, con
     int error = avcodec_parameters_to_context(codec.get(), stream.codecpar);
     if (error < 0) ThrowAvError(error, VYRA_ERROR_UNREADABLE, CannotRead(path) + "bad codec parameters");
     codec->log_level_offset = kQuietLogLevelOffset;
-    codec->max_pixels = limits.maxPixels;
+    codec->max_pixels = limits.DecoderMaxPixels();  // each frame is checked against maxPixels
     codec->pkt_timebase = stream.time_base;
     codec->thread_count = 0;  // one per core, plus one for frame threading
     codec->thread_type = FF_THREAD_FRAME | FF_THREAD_SLICE;
@@ -468,7 +468,10 @@ bool VideoReader::State::ReceiveFrame() {
     int errorsInARow = 0;  // decoder errors without new input in between
     while (!finished) {
         int error = avcodec_receive_frame(codec.get(), frame.get());
-        if (error == 0) return true;
+        if (error == 0) {
+            CheckFrameSize(path, frame->width, frame->height, limits);
+            return true;
+        }
         if (error == AVERROR_EOF) {
             finished = true;
         } else if (error == AVERROR(EAGAIN)) {

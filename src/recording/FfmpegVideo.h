@@ -21,10 +21,11 @@
 //    VYRA_ERROR_UNREADABLE before FFmpeg parses them; nested opens are also
 //    limited to the "file" protocol and mov external references are off;
 //  - frames above MediaLimits::maxPixels are refused: the declared size of
-//    every video stream when the file is opened, and each decoded frame
-//    through the decoders' max_pixels (also for the decoders
-//    avformat_find_stream_info runs). Other memory is bounded by FFmpeg's
-//    probe limits and by the file size.
+//    every video stream when the file is opened, and each decoded frame as
+//    the decoder returns it; the decoders' max_pixels
+//    (MediaLimits::DecoderMaxPixels, also for the decoders
+//    avformat_find_stream_info runs) bounds their buffers before that.
+//    Other memory is bounded by FFmpeg's probe limits and by the file size.
 //
 // Logging: nothing is printed for the files this class reads, damaged ones
 // included, without touching the process-wide av_log level or callback:
@@ -41,7 +42,7 @@
 // What can still reach the process-wide callback: libavcodec's "Picture size
 // WxH exceeds specified max pixel count" (logged by av_image_check_size2 with
 // a fixed offset of 0) when a stream that did not declare its size has
-// frames above the limit; messages FFmpeg logs without a context
+// frames above the decoders' max_pixels; messages FFmpeg logs without a context
 // (av_log(NULL, ...), a few rare demuxer conditions); AV_LOG_PANIC just
 // before an abort; and, on CPUs for which swscale has no YUV->RGB SIMD code
 // (it has x86 and PowerPC code), its "No accelerated colorspace conversion

@@ -5,6 +5,7 @@
 
 #include <cmath>
 #include <cstddef>
+#include <cstdint>
 #include <cstring>
 #include <functional>
 #include <string>
@@ -165,6 +166,43 @@ TEST(CApi, OlderCallersStructuresAreReadAndWrittenOnlyAsFarAsTheyReach) {
     ASSERT_EQ(vyra_measure(rec.c_str(), &s, &r, nullptr, 0), VYRA_OK);
     EXPECT_EQ(r.noise_tolerance, 0);
     EXPECT_EQ(r.noise_tolerance_estimated, 1);
+}
+
+// A struct_size that ends inside a field: that field is not read (found by
+// fuzzing: half of save_frames_dir was read as a pointer, and crashed).
+TEST(CApi, AFieldCutByStructSizeIsNotRead) {
+    TempDir dir;
+    const fs::path rec = writeLaunch(dir);
+    const std::string saved = (dir / "saved").string();
+    struct Case {
+        const char* what;
+        size_t structSize;
+        uint64_t frames;  // the recording's 7 unless start was read
+        bool saves;       // save_frames_dir was read
+    };
+    const Case cases[] = {
+        {"start cut after 2 bytes", offsetof(VyraSettings, start) + 2, 7, false},
+        {"start whole", offsetof(VyraSettings, start) + sizeof(int32_t), 5, false},
+        {"save_frames_dir cut after 4 bytes", offsetof(VyraSettings, save_frames_dir) + 4, 5, false},
+        {"progress_out cut after 1 byte", offsetof(VyraSettings, progress_out) + 1, 5, true},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        VyraSettings s;
+        vyra_default_settings(&s);
+        s.start = 0x00010002;  // 2 in its low bytes
+        s.save_frames_dir = saved.c_str();
+        double progress[7];
+        s.progress_out = progress;
+        s.series_capacity = 7;
+        if (c.frames == 5) s.start = 2;
+        s.struct_size = c.structSize;
+        VyraResult r = freshResult();
+        ASSERT_EQ(vyra_measure(rec.c_str(), &s, &r, nullptr, 0), VYRA_OK);
+        EXPECT_EQ(r.frame_count, c.frames);
+        EXPECT_EQ(fs::exists(saved), c.saves);
+        fs::remove_all(saved);
+    }
 }
 
 TEST(CApi, ErrorsComeBackAsStatusAndMessageWithAnEmptyResult) {

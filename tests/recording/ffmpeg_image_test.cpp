@@ -193,3 +193,26 @@ TEST(ReadFileBytes, ReadsRegularFilesWithinTheLimitOnly) {
 }
 
 }  // namespace
+
+// The decoder pads its rows to 64 pixels; found by fuzzing: a 100x160 PNG
+// was refused as damaged (and FFmpeg printed why) under a limit of 16000
+// pixels. A frame of exactly the limit decodes, one pixel more is refused.
+TEST(DecodePng, FrameOfExactlyTheLimitDecodesQuietly) {
+    const struct { int width, height; } sizes[] = {{100, 160}, {36, 64}, {1, 50}, {65, 1}, {130, 7}};
+    for (const auto& size : sizes) {
+        PngSpec spec;
+        spec.width = size.width;
+        spec.height = size.height;
+        const Bytes png = MakePng(spec);
+        SCOPED_TRACE(describe(spec));
+        MediaLimits limits;
+        limits.maxPixels = int64_t(size.width) * size.height;
+        StderrCapture capture;
+        cv::Mat frame;
+        ASSERT_NO_THROW(frame = DecodePng(png, limits, "exact.png"));
+        EXPECT_EQ(frame.size(), cv::Size(size.width, size.height));
+        limits.maxPixels -= 1;
+        errorOf([&] { DecodePng(png, limits, "over.png"); }, VYRA_ERROR_UNREADABLE);
+        EXPECT_EQ(capture.Text(), "");
+    }
+}

@@ -201,3 +201,35 @@ TEST(VideoReader, SkipsWithoutConvertingAndReadsInThreadsAsAlone) {
 }
 
 }  // namespace
+
+// Decoders pad their buffers (rows to 64 pixels; MPEG-4 part 2 a 280-row
+// band). Found by fuzzing: a 36x64 MPEG-4 video under a limit of 16384 pixels
+// decoded no frame and FFmpeg printed why. Videos whose frames have exactly
+// the limit are read whole and quietly; one pixel less refuses them.
+TEST(VideoReader, FramesOfExactlyTheLimitAreRead) {
+    struct Case {
+        const char* name;
+        int width, height;
+        const char* codec;
+    };
+    const Case cases[] = {{"mpeg4_36x64.mp4", 36, 64, "-c:v mpeg4"},
+                          {"mpeg4_100x160.mp4", 100, 160, "-c:v mpeg4"},
+                          {"h264_100x160.mkv", 100, 160, "-c:v libx264 -pix_fmt yuv420p"},
+                          {"mjpeg_36x64.avi", 36, 64, "-c:v mjpeg"},
+                          {"ffv1_8x200.mkv", 8, 200, "-c:v ffv1"}};
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        const std::string path = video(c.name, c.width, c.height, 4, c.codec);
+        if (path.empty()) continue;  // an encoder this ffmpeg lacks
+        MediaLimits limits;
+        limits.maxPixels = int64_t(c.width) * c.height;
+        StderrCapture capture;
+        Decoded decoded;
+        ASSERT_NO_THROW(decoded = withReader(path, limits));
+        ASSERT_EQ(decoded.frames.size(), 4u);
+        EXPECT_EQ(decoded.frames[0].size(), cv::Size(c.width, c.height));
+        limits.maxPixels -= 1;
+        errorOf([&] { withReader(path, limits); }, VYRA_ERROR_UNREADABLE);
+        EXPECT_EQ(capture.Text(), "");
+    }
+}
