@@ -471,3 +471,40 @@ TEST(AnalyzerDynamicPage, TheWalkEndsAtTheFirstChangedPairFromJustBeforeTheFirst
 }
 
 }  // namespace
+
+// Found by fuzzing: ORB keeps no keypoint within 31 pixels of a border and
+// OpenCV failed to build the pyramid of a frame one pixel wide or high.
+// Frames whose smaller side is at most 62 have no features, and the dynamic
+// walk compares every pair without an exception.
+TEST(AnalyzerDynamicPage, FramesTooSmallForOrbHaveNoFeatures) {
+    for (const cv::Size& size : {cv::Size(200, 1), cv::Size(1, 200), cv::Size(1, 28), cv::Size(28, 1),
+                                 cv::Size(62, 300), cv::Size(300, 62)}) {
+        SCOPED_TRACE(std::to_string(size.width) + "x" + std::to_string(size.height));
+        std::vector<cv::Mat> frames;
+        for (unsigned seed = 1; seed <= 3; ++seed) frames.push_back(vyra_test::texturedFrame(size.width, size.height, seed));
+        AnalysisResult r;
+        ASSERT_NO_THROW(r = vyra::Analyzer(20.0, 0.5, 0.85, 0.0, 0).Analyze(frames, DYNAMIC_PAGE, false));
+        EXPECT_EQ(r.imageCount, 3u);
+        for (const vyra::FeatureMatchingResult& entry : r.dynamicResult.featureMatchingResults) {
+            EXPECT_EQ(entry.firstKeypointCount, 0u);
+            EXPECT_EQ(entry.secondKeypointCount, 0u);
+        }
+    }
+}
+
+// Found by fuzzing: two released frames of different widths in a row were
+// compared with memcmp on null pointers. Empty frames (analyse() keeps an
+// undecodable frame as one) have no objects, wherever they stand.
+TEST(AnalyzerStaticPage, EmptyFramesInARunHaveNoObjects) {
+    auto released = [](int width) {
+        cv::Mat frame(8, width, CV_8UC3, cv::Scalar(1, 2, 3));
+        frame.release();
+        return frame;
+    };
+    const cv::Mat page = vyra_test::loadedPageFrame(160, 120);
+    std::vector<cv::Mat> frames = {released(64), released(36), cv::Mat(), page.clone(), page.clone()};
+    AnalysisResult r;
+    ASSERT_NO_THROW(r = vyra::Analyzer(20.0, 0.5, 0.85, 0.15, 200).Analyze(frames, STATIC_PAGE, false));
+    ASSERT_EQ(r.staticResult.objectCounts.size(), frames.size());
+    for (size_t k = 0; k < 3; ++k) EXPECT_EQ(r.staticResult.objectCounts[k], 0u) << k;
+}

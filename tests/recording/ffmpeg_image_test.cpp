@@ -68,38 +68,38 @@ TEST(DecodePng, DecodesEveryKindOfPngAsImdecodeDoesAndSilently) {
         for (const bool interlaced : {false, true}) {
             // Sizes with partial bytes and empty Adam7 passes; the largest with chunks to ignore.
             for (const auto& size : {std::pair{1, 1}, std::pair{1, 9}, std::pair{11, 1}, std::pair{37, 23}}) {
-                PngSpec spec;
-                spec.colorType = kind[0], spec.bitDepth = kind[1], spec.interlaced = interlaced;
-                spec.width = size.first, spec.height = size.second, spec.seed = seed++;
-                spec.paletteEntries = std::min(256, 1 << spec.bitDepth);
+                PngSpec shape;
+                shape.colorType = kind[0], shape.bitDepth = kind[1], shape.interlaced = interlaced;
+                shape.width = size.first, shape.height = size.second, shape.seed = seed++;
+                shape.paletteEntries = std::min(256, 1 << shape.bitDepth);
                 if (size.first == 37) {
-                    spec.transparency = spec.colorType == 0 || spec.colorType == 2 || spec.colorType == 3;
-                    spec.metadata = !interlaced;
-                    if (spec.colorType == 3) spec.paletteEntries = (spec.paletteEntries + 1) / 2;  // indices past the end
+                    shape.transparency = shape.colorType == 0 || shape.colorType == 2 || shape.colorType == 3;
+                    shape.metadata = !interlaced;
+                    if (shape.colorType == 3) shape.paletteEntries = (shape.paletteEntries + 1) / 2;  // indices past the end
                 }
-                specs.push_back(spec);
+                specs.push_back(shape);
             }
         }
     }
     for (int orientation = 1; orientation <= 8; ++orientation) {
-        PngSpec spec;
-        spec.width = 7, spec.height = 4, spec.exifOrientation = orientation, spec.seed = 100 + orientation;
-        specs.push_back(spec);
+        PngSpec shape;
+        shape.width = 7, shape.height = 4, shape.exifOrientation = orientation, shape.seed = 100 + orientation;
+        specs.push_back(shape);
     }
-    for (const PngSpec& spec : specs) {
-        const Bytes png = MakePng(spec);
+    for (const PngSpec& shape : specs) {
+        const Bytes png = MakePng(shape);
         const cv::Mat expected = cv::imdecode(png, cv::IMREAD_COLOR);
-        ASSERT_FALSE(expected.empty()) << describe(spec);
+        ASSERT_FALSE(expected.empty()) << describe(shape);
         StderrCapture capture;
-        EXPECT_TRUE(identical(DecodePng(png, MediaLimits(), "frame.png"), expected)) << describe(spec);
-        EXPECT_EQ(capture.Text(), "") << describe(spec);
+        EXPECT_TRUE(identical(DecodePng(png, MediaLimits(), "frame.png"), expected)) << describe(shape);
+        EXPECT_EQ(capture.Text(), "") << describe(shape);
     }
 }
 
 TEST(DecodePng, RefusesDamagedLargeAndUnaffordableImagesWithOneLineNamingTheFile) {
-    PngSpec spec;
-    spec.width = 40, spec.height = 30;
-    const Bytes good = MakePng(spec);
+    PngSpec shape;
+    shape.width = 40, shape.height = 30;
+    const Bytes good = MakePng(shape);
     const size_t idat = 33, idatLength = (good[idat + 2] << 8) | good[idat + 3];  // the first chunk after IHDR
     Bytes badCrc = good, badZlib = good;
     badCrc[idat + 8 + idatLength] ^= 0x55;
@@ -200,11 +200,11 @@ TEST(ReadFileBytes, ReadsRegularFilesWithinTheLimitOnly) {
 TEST(DecodePng, FrameOfExactlyTheLimitDecodesQuietly) {
     const struct { int width, height; } sizes[] = {{100, 160}, {36, 64}, {1, 50}, {65, 1}, {130, 7}};
     for (const auto& size : sizes) {
-        PngSpec spec;
-        spec.width = size.width;
-        spec.height = size.height;
-        const Bytes png = MakePng(spec);
-        SCOPED_TRACE(describe(spec));
+        PngSpec shape;
+        shape.width = size.width;
+        shape.height = size.height;
+        const Bytes png = MakePng(shape);
+        SCOPED_TRACE(describe(shape));
         MediaLimits limits;
         limits.maxPixels = int64_t(size.width) * size.height;
         StderrCapture capture;

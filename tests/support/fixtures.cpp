@@ -467,23 +467,23 @@ Bytes packRow(const std::vector<uint16_t>& samples, int depth) {
 }
 
 // The rows of every pass, each with a random filter (0 none .. 4 Paeth) against the row before in its pass.
-Bytes imageData(const PngSpec& spec, std::mt19937& rng) {
-    const int channels = channelsOf(spec.colorType), bpp = std::max(1, channels * spec.bitDepth / 8);
-    std::vector<uint16_t> samples(size_t(spec.width) * spec.height * channels);
-    for (uint16_t& s : samples) s = static_cast<uint16_t>(rng() % (1u << spec.bitDepth));
+Bytes imageData(const PngSpec& shape, std::mt19937& rng) {
+    const int channels = channelsOf(shape.colorType), bpp = std::max(1, channels * shape.bitDepth / 8);
+    std::vector<uint16_t> samples(size_t(shape.width) * shape.height * channels);
+    for (uint16_t& s : samples) s = static_cast<uint16_t>(rng() % (1u << shape.bitDepth));
     static const int adam7[7][4] = {{0, 0, 8, 8}, {4, 0, 8, 8}, {0, 4, 4, 8}, {2, 0, 4, 4}, {0, 2, 2, 4}, {1, 0, 2, 2}, {0, 1, 1, 2}};
     static const int progressive[1][4] = {{0, 0, 1, 1}};
     Bytes raw;
-    for (int p = 0; p < (spec.interlaced ? 7 : 1); ++p) {
-        const int* pass = spec.interlaced ? adam7[p] : progressive[0];
-        if (pass[0] >= spec.width || pass[1] >= spec.height) continue;
+    for (int p = 0; p < (shape.interlaced ? 7 : 1); ++p) {
+        const int* pass = shape.interlaced ? adam7[p] : progressive[0];
+        if (pass[0] >= shape.width || pass[1] >= shape.height) continue;
         Bytes previous;
-        for (int y = pass[1]; y < spec.height; y += pass[3]) {
+        for (int y = pass[1]; y < shape.height; y += pass[3]) {
             std::vector<uint16_t> rowSamples;
-            for (int x = pass[0]; x < spec.width; x += pass[2]) {
-                for (int c = 0; c < channels; ++c) rowSamples.push_back(samples[(size_t(y) * spec.width + x) * channels + c]);
+            for (int x = pass[0]; x < shape.width; x += pass[2]) {
+                for (int c = 0; c < channels; ++c) rowSamples.push_back(samples[(size_t(y) * shape.width + x) * channels + c]);
             }
-            const Bytes row = packRow(rowSamples, spec.bitDepth);
+            const Bytes row = packRow(rowSamples, shape.bitDepth);
             const int filter = static_cast<int>(rng() % 5);
             raw.push_back(static_cast<unsigned char>(filter));
             for (size_t i = 0; i < row.size(); ++i) {
@@ -502,16 +502,16 @@ Bytes imageData(const PngSpec& spec, std::mt19937& rng) {
 
 }  // namespace
 
-Bytes MakePng(const PngSpec& spec) {
-    std::mt19937 rng(spec.seed);
-    Bytes png = pngHeader(static_cast<unsigned>(spec.width), static_cast<unsigned>(spec.height), spec.bitDepth,
-                          spec.colorType, spec.interlaced);
+Bytes MakePng(const PngSpec& shape) {
+    std::mt19937 rng(shape.seed);
+    Bytes png = pngHeader(static_cast<unsigned>(shape.width), static_cast<unsigned>(shape.height), shape.bitDepth,
+                          shape.colorType, shape.interlaced);
     const auto randomBytes = [&rng](int count) {
         Bytes bytes;
         for (int i = 0; i < count; ++i) bytes.push_back(static_cast<unsigned char>(rng()));
         return bytes;
     };
-    if (spec.metadata) {  // gamma, chromaticities, sRGB, a broken ICC profile (libpng only warns)
+    if (shape.metadata) {  // gamma, chromaticities, sRGB, a broken ICC profile (libpng only warns)
         Bytes gamma, chrm, iccp = {'I', 'C', 'C', 0, 0, 0x78, 0x9c};
         putBe32(gamma, 45455);
         for (uint32_t v : {31270u, 32900u, 64000u, 33000u, 30000u, 60000u, 15000u, 6000u}) putBe32(chrm, v);
@@ -522,19 +522,19 @@ Bytes MakePng(const PngSpec& spec) {
         putChunk(png, "sRGB", Bytes{0});
         putChunk(png, "iCCP", iccp);
     }
-    if (spec.exifOrientation > 0) {
+    if (shape.exifOrientation > 0) {
         Bytes exif = {'M', 'M', 0, 0x2a, 0, 0, 0, 8, 0, 1, 0x01, 0x12, 0, 3, 0, 0, 0, 1};  // IFD0: one SHORT
-        putBe16(exif, static_cast<uint32_t>(spec.exifOrientation));
+        putBe16(exif, static_cast<uint32_t>(shape.exifOrientation));
         exif.insert(exif.end(), {0, 0, 0, 0, 0, 0});
         putChunk(png, "eXIf", exif);
     }
-    if (spec.colorType == 3) putChunk(png, "PLTE", randomBytes(3 * spec.paletteEntries));
-    if (spec.transparency) {
-        Bytes trns = spec.colorType == 3 ? randomBytes(spec.paletteEntries) : Bytes();
-        for (int c = 0; spec.colorType != 3 && c < channelsOf(spec.colorType); ++c) putBe16(trns, rng() % (1u << spec.bitDepth));
+    if (shape.colorType == 3) putChunk(png, "PLTE", randomBytes(3 * shape.paletteEntries));
+    if (shape.transparency) {
+        Bytes trns = shape.colorType == 3 ? randomBytes(shape.paletteEntries) : Bytes();
+        for (int c = 0; shape.colorType != 3 && c < channelsOf(shape.colorType); ++c) putBe16(trns, rng() % (1u << shape.bitDepth));
         putChunk(png, "tRNS", trns);
     }
-    const Bytes data = imageData(spec, rng);
+    const Bytes data = imageData(shape, rng);
     for (size_t at = 0; at < data.size(); at += 500) {
         putChunk(png, "IDAT", Bytes(data.begin() + at, data.begin() + std::min(data.size(), at + 500)));
     }

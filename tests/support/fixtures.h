@@ -169,7 +169,7 @@ struct PngSpec {
     int exifOrientation = 0;    // an eXIf chunk when > 0
     uint32_t seed = 1;
 };
-std::vector<unsigned char> MakePng(const PngSpec& spec);
+std::vector<unsigned char> MakePng(const PngSpec& shape);
 
 }  // namespace vyra_test
 
